@@ -1,10 +1,52 @@
-// kd_config: the configuration documents of the "rss" and "podcast" domains,
-// the configd session and the merge. (Being written; this is the part the
-// main loop needs.)
+// kd_config: the configuration documents of the "rss" and "podcast" domains
+// (vocabulary, domains, profile records and lookups), the configd session,
+// and the merge of new documents with the poll timers.
 #pragma once
+#include <cstdint>
+#include <mxml.h>
 
 struct rpc_conn;
+struct kd_client;
 
+// Runtime record of one profile of a domain; a placeholder has no element.
+struct kd_profile {
+    mxml_node_t *profile;      // the "profile" element, or null for a placeholder
+    kd_client **connections;   // connections using this profile, in order of addition
+    uint32_t nconns;           // "#conns"
+    uint32_t profile_id;
+    uint8_t was_online;
+    kd_profile *next;
+    kd_profile *prev;
+};
+
+// The two domains: names, request handles (tags) and received bits.
+inline constexpr char KD_DOMAIN_RSS[] = "rss";
+inline constexpr char KD_DOMAIN_PODCAST[] = "podcast";
+inline constexpr uint32_t KD_HANDLE_RSS = 1;
+inline constexpr uint32_t KD_HANDLE_PODCAST = 2;
+
+extern mxml_node_t *g_rssdomain;     // RSS document root, or null
+extern mxml_node_t *g_poddomain;     // podcast document root, or null
+extern kd_profile *g_rssproflist;
+extern kd_profile *g_podproflist;
+
+// --- document model and lookups ---
+const char *kd_get_domainname_from_profile(const kd_profile *p);
+mxml_node_t *kd_get_domain_from_node(mxml_node_t *node);
+kd_profile *kd_get_profile_from_item(mxml_node_t *node);
+uint32_t kd_extract_pollfreq(mxml_node_t *entry);
+int kd_feed_in_use(mxml_node_t *entry);
+
+// --- configd session ---
+extern int32_t g_configstate;        // -1 none, 0 connecting, 1 requested, 2 received, 3 closing
+extern uint32_t g_receiveddomains;   // bit 1 rss, bit 2 podcast
 rpc_conn *kd_config_init(void);
 void kd_config_close(rpc_conn *conn);
+void kd_save_config(mxml_node_t *root);
+
+// --- merge and poll timers ---
+void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc);
+void kd_refresh_domain_timers(mxml_node_t *root);
+void kd_refresh_timers(void);
+void kd_unlink_profile(kd_client *client, kd_profile *profile);
 int kd_config_empty(void);
