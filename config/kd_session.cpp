@@ -10,4 +10,3 @@ uint32_t g_receiveddomains;
 
 rpc_conn *kd_config_init(void) { return nullptr; }
 void kd_config_close(rpc_conn *) {}
-int kd_config_empty(void) { return 0; }
