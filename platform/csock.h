@@ -8,6 +8,7 @@
 // a program blocks the signals it handles and they are delivered only while it
 // sleeps here; a signal pending before the wait ends it at once.
 #pragma once
+#include <cstddef>
 #include <sys/un.h>
 
 typedef void (*csock_cb)(int handle, void *ctx);
@@ -47,3 +48,19 @@ int csock_fileno(int handle);
 // Fills a local socket address; returns the address length, or -1 when the
 // path does not fit.
 int csock_sockaddr_set_unix(struct sockaddr_un *addr, const char *path);
+
+// Details callers rely on:
+// - csock_close() called from inside any callback (socket or timer) defers the
+//   close callback until that callback has returned; called outside
+//   csock_select() it runs the close callback before returning. Either way the
+//   handle is unknown at once (csock_fileno() gives -1, further closes do
+//   nothing) and gets no more callbacks.
+// - A hang-up or error runs readcb (if given), then errcb; a handle without a
+//   readcb stops being watched after its hang-up so the loop does not spin.
+// - csock_select() returns 0 after a signal when no due timer ran; timers run
+//   after the socket callbacks of the same wake-up.
+// - csock_exit() frees every record without callbacks; csock can be used again
+//   afterwards.
+
+// Number of registered handles, for tests and diagnostics.
+size_t csock_count(void);

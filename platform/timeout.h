@@ -3,6 +3,7 @@
 // next turn of the loop". Deleting any timer from any callback, its own
 // included, is safe.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 
 typedef void (*timeout_cb)(void *param, int id);
@@ -22,3 +23,17 @@ int timeout_restartex(int id, uint32_t seconds);
 // none), and running every timer that is due now, each once.
 int timeout_next_ms(void);
 int timeout_run_due(void);
+
+// A one-shot timer is removed before its callback runs (deleting it from
+// there returns -1); a repeating one is re-armed first (next due = previous
+// due + interval, or now + interval when the loop fell behind), so its
+// callback may delete or restart it. Identifiers count up to INT_MAX and wrap
+// to 1, skipping identifiers in use.
+//
+// Marks the start of a dispatch round: timers added or re-armed from now on
+// wait for the next round. csock_select() calls it once the wait is over.
+void timeout_round_begin(void);
+// timeout_run_due() that calls after_each (if given) after every callback.
+int timeout_run_due_hook(void (*after_each)(void));
+// Number of timers, for tests and diagnostics.
+size_t timeout_count(void);

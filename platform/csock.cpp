@@ -1,0 +1,429 @@
+// csock: owns the epoll instance and one record per registered descriptor
+// (never the descriptors themselves). A handle encodes its table slot and the
+// slot's generation, so a stale handle never reaches a newer record. Records
+// closed while callbacks run stay in their slot, marked closed, until the end
+// of the dispatch round; their close callbacks run after the callback that
+// closed them has returned.
+#include "platform/csock.h"
+
+#include "platform/slab.h"
+#include "platform/timeout.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kSlotBits = 16;
+constexpr unsigned kMaxSlots = (1u << kSlotBits) - 1;
+constexpr int kBacklog = 8;
+constexpr int kMaxEvents = 64;
+
+struct csock_rec {
+    int handle;
+    int fd;
+    char name[24];
+    csock_cb readcb, writecb, exceptcb, errcb, closecb;
+    csock_accept_cb acceptcb;
+    void *ctx;
+    bool want_write;
+    bool closed;
+    bool close_pending; // close callback still to run
+    bool in_epoll;
+    csock_rec *next_dead;
+};
+
+csock_rec **g_slots;
+unsigned short *g_gens;
+unsigned g_nslots;
+unsigned g_cursor;
+int g_epfd = -1;
+pid_t g_eppid;
+int g_depth; // > 0 while callbacks run
+csock_rec *g_dead_head, *g_dead_tail, *g_pending;
+
+csock_rec *lookup(int handle)
+{
+    if (handle <= 0)
+        return nullptr;
+    unsigned slot = (static_cast<unsigned>(handle) & kMaxSlots) - 1;
+    unsigned gen = static_cast<unsigned>(handle) >> kSlotBits;
+    if (slot >= g_nslots || g_gens[slot] != gen)
+        return nullptr;
+    csock_rec *r = g_slots[slot];
+    return (r && !r->closed) ? r : nullptr;
+}
+
+uint32_t interest(const csock_rec *r)
+{
+    if (r->acceptcb)
+        return EPOLLIN;
+    uint32_t ev = EPOLLIN | EPOLLPRI | EPOLLRDHUP;
+    return r->want_write ? ev | EPOLLOUT : ev;
+}
+
+bool epoll_register(csock_rec *r, int op)
+{
+    epoll_event ev{};
+    ev.events = interest(r);
+    ev.data.u64 = static_cast<uint64_t>(r->handle);
+    return epoll_ctl(g_epfd, op, r->fd, &ev) == 0;
+}
+
+// The epoll instance is made on first use, so that it is created after the
+// daemon has forked and closed its inherited descriptors; a forked child
+// makes its own rather than sharing its parent's.
+bool ensure_epoll()
+{
+    if (g_epfd >= 0 && g_eppid == getpid())
+        return true;
+    g_epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (g_epfd < 0)
+        return false;
+    g_eppid = getpid();
+    for (unsigned i = 0; i < g_nslots; i++) {
+        csock_rec *r = g_slots[i];
+        if (r && !r->closed)
+            r->in_epoll = epoll_register(r, EPOLL_CTL_ADD);
+    }
+    return true;
+}
+
+bool grow_table()
+{
+    unsigned n = g_nslots ? g_nslots * 2 : 16;
+    if (n > kMaxSlots)
+        n = kMaxSlots;
+    if (n <= g_nslots)
+        return false;
+    auto *slots = static_cast<csock_rec **>(kd_realloc(g_slots, n * sizeof(*g_slots)));
+    if (!slots)
+        return false;
+    g_slots = slots;
+    auto *gens = static_cast<unsigned short *>(kd_realloc(g_gens, n * sizeof(*g_gens)));
+    if (!gens)
+        return false;
+    g_gens = gens;
+    for (unsigned i = g_nslots; i < n; i++) {
+        g_slots[i] = nullptr;
+        g_gens[i] = 0;
+    }
+    g_nslots = n;
+    return true;
+}
+
+// A free slot, searched from a moving cursor so that slots are not reused at once.
+int free_slot()
+{
+    for (int pass = 0; pass < 2; pass++) {
+        for (unsigned i = 0; i < g_nslots; i++) {
+            unsigned s = (g_cursor + i) % g_nslots;
+            if (!g_slots[s]) {
+                g_cursor = s + 1;
+                return static_cast<int>(s);
+            }
+        }
+        if (!grow_table())
+            return -1;
+    }
+    return -1;
+}
+
+int add_record(csock_rec *proto)
+{
+    if (proto->fd < 0 || !ensure_epoll())
+        return -1;
+    int slot = free_slot();
+    if (slot < 0)
+        return -1;
+    auto *r = static_cast<csock_rec *>(kd_calloc(1, sizeof(csock_rec)));
+    if (!r)
+        return -1;
+    *r = *proto;
+    r->handle = static_cast<int>((static_cast<unsigned>(g_gens[slot]) << kSlotBits) | (slot + 1));
+    if (!epoll_register(r, EPOLL_CTL_ADD)) {
+        kd_free(r);
+        return -1;
+    }
+    r->in_epoll = true;
+    g_slots[slot] = r;
+    return r->handle;
+}
+
+void release_slot(csock_rec *r)
+{
+    unsigned slot = (static_cast<unsigned>(r->handle) & kMaxSlots) - 1;
+    g_slots[slot] = nullptr;
+    g_gens[slot] = static_cast<unsigned short>((g_gens[slot] + 1) & 0x7fff);
+    kd_free(r);
+}
+
+bool fd_shared(const csock_rec *r)
+{
+    for (unsigned i = 0; i < g_nslots; i++) {
+        const csock_rec *o = g_slots[i];
+        if (o && o != r && !o->closed && o->fd == r->fd)
+            return true;
+    }
+    return false;
+}
+
+// Stops events for the record. The owner may already have closed the
+// descriptor, and its number may now belong to another registered handle,
+// whose registration must stay.
+void unregister(csock_rec *r)
+{
+    r->closed = true;
+    if (r->in_epoll && g_epfd >= 0 && !fd_shared(r))
+        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
+    r->in_epoll = false;
+}
+
+void defer(csock_rec *r, bool with_closecb)
+{
+    r->close_pending = with_closecb && r->closecb;
+    r->next_dead = nullptr;
+    if (g_dead_tail)
+        g_dead_tail->next_dead = r;
+    else
+        g_dead_head = r;
+    g_dead_tail = r;
+    if (!g_pending)
+        g_pending = r;
+}
+
+// Runs the close callbacks of handles closed by the callback that just returned
+// (and of those closed by these close callbacks in turn).
+void run_pending_closes()
+{
+    while (g_pending) {
+        csock_rec *r = g_pending;
+        g_pending = r->next_dead;
+        if (!r->close_pending)
+            continue;
+        r->close_pending = false;
+        r->closecb(r->handle, r->ctx);
+    }
+}
+
+void free_dead()
+{
+    while (g_dead_head) {
+        csock_rec *r = g_dead_head;
+        g_dead_head = r->next_dead;
+        release_slot(r);
+    }
+    g_dead_tail = nullptr;
+    g_pending = nullptr;
+}
+
+int accept_one(csock_rec *r)
+{
+    int fd = accept4(r->fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+            syslog(LOG_ERR, "csock: accept on %s failed: %s", r->name, strerror(errno));
+        return 0;
+    }
+    if (r->acceptcb(fd, r->ctx) != 0)
+        close(fd);
+    return 1;
+}
+
+int call(csock_rec *r, csock_cb cb)
+{
+    if (!cb || r->closed)
+        return 0;
+    cb(r->handle, r->ctx);
+    run_pending_closes();
+    return 1;
+}
+
+// Dispatches one ready handle; a callback that closes it ends its turn.
+int dispatch(uint32_t ev, csock_rec *r)
+{
+    if (r->acceptcb) {
+        int n = (ev & (EPOLLIN | EPOLLERR | EPOLLHUP)) ? accept_one(r) : 0;
+        run_pending_closes();
+        return n;
+    }
+    int n = 0;
+    bool broken = ev & (EPOLLHUP | EPOLLERR);
+    if (ev & (EPOLLIN | EPOLLRDHUP) || broken)
+        n += call(r, r->readcb);
+    if (ev & EPOLLOUT && r->want_write)
+        n += call(r, r->writecb);
+    if (ev & EPOLLPRI)
+        n += call(r, r->exceptcb);
+    if (broken)
+        n += call(r, r->errcb);
+    // Nobody reads a hung-up descriptor without a read callback: stop
+    // watching it, or the wait would return at once forever.
+    if (broken && !r->closed && !r->readcb && r->in_epoll) {
+        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
+        r->in_epoll = false;
+    }
+    return n;
+}
+
+int dispatch_events(const epoll_event *evs, int n)
+{
+    int ran = 0;
+    for (int i = 0; i < n; i++) {
+        csock_rec *r = lookup(static_cast<int>(evs[i].data.u64));
+        if (r)
+            ran += dispatch(evs[i].events, r);
+    }
+    return ran;
+}
+
+int run_timers()
+{
+    return timeout_run_due_hook(run_pending_closes);
+}
+
+} // namespace
+
+int csock_init(void)
+{
+    return 0;
+}
+
+void csock_exit(void)
+{
+    for (unsigned i = 0; i < g_nslots; i++)
+        kd_free(g_slots[i]);
+    kd_free(g_slots);
+    kd_free(g_gens);
+    g_slots = nullptr;
+    g_gens = nullptr;
+    g_nslots = g_cursor = 0;
+    g_dead_head = g_dead_tail = g_pending = nullptr;
+    if (g_epfd >= 0 && g_eppid == getpid())
+        close(g_epfd);
+    g_epfd = -1;
+}
+
+int csock_add_listenfd(int fd, const char *name, csock_accept_cb acceptcb, csock_cb closecb, void *ctx)
+{
+    if (!acceptcb || fd < 0 || listen(fd, kBacklog) != 0)
+        return -1;
+    csock_rec proto{};
+    proto.fd = fd;
+    strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
+    proto.acceptcb = acceptcb;
+    proto.closecb = closecb;
+    proto.ctx = ctx;
+    return add_record(&proto);
+}
+
+int csock_add_fd(int fd, const char *name, csock_cb readcb, csock_cb writecb, csock_cb exceptcb,
+                 csock_cb errcb, csock_cb closecb, void *ctx)
+{
+    csock_rec proto{};
+    proto.fd = fd;
+    strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
+    proto.readcb = readcb;
+    proto.writecb = writecb;
+    proto.exceptcb = exceptcb;
+    proto.errcb = errcb;
+    proto.closecb = closecb;
+    proto.ctx = ctx;
+    proto.want_write = writecb != nullptr;
+    return add_record(&proto);
+}
+
+void csock_want_write(int handle, int on)
+{
+    csock_rec *r = lookup(handle);
+    if (!r || r->acceptcb || r->want_write == (on != 0))
+        return;
+    r->want_write = on != 0;
+    if (r->in_epoll)
+        epoll_register(r, EPOLL_CTL_MOD);
+}
+
+int csock_select(void)
+{
+    if (!ensure_epoll())
+        return -1;
+    epoll_event evs[kMaxEvents];
+    sigset_t none;
+    sigemptyset(&none);
+    for (;;) {
+        int n = epoll_pwait(g_epfd, evs, kMaxEvents, timeout_next_ms(), &none);
+        if (n < 0 && errno != EINTR)
+            return -1;
+        timeout_round_begin();
+        g_depth++;
+        int ran = n > 0 ? dispatch_events(evs, n) : 0;
+        ran += run_timers();
+        if (--g_depth == 0)
+            free_dead();
+        // A wait that timed out a hair early has nothing to report: wait again.
+        if (n != 0 || ran > 0)
+            return ran;
+    }
+}
+
+void csock_close(int handle, int)
+{
+    csock_rec *r = lookup(handle);
+    if (!r)
+        return;
+    unregister(r);
+    if (g_depth > 0) {
+        defer(r, true);
+        return;
+    }
+    if (r->closecb)
+        r->closecb(r->handle, r->ctx);
+    release_slot(r);
+}
+
+void csock_fastclose(int handle)
+{
+    csock_rec *r = lookup(handle);
+    if (!r)
+        return;
+    unregister(r);
+    if (g_depth > 0)
+        defer(r, false);
+    else
+        release_slot(r);
+}
+
+int csock_fileno(int handle)
+{
+    csock_rec *r = lookup(handle);
+    return r ? r->fd : -1;
+}
+
+int csock_sockaddr_set_unix(struct sockaddr_un *addr, const char *path)
+{
+    if (!addr || !path)
+        return -1;
+    size_t len = strlen(path);
+    if (len >= sizeof(addr->sun_path))
+        return -1;
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    memcpy(addr->sun_path, path, len + 1);
+    return static_cast<int>(offsetof(struct sockaddr_un, sun_path) + len + 1);
+}
+
+size_t csock_count(void)
+{
+    size_t n = 0;
+    for (unsigned i = 0; i < g_nslots; i++) {
+        if (g_slots[i] && !g_slots[i]->closed)
+            n++;
+    }
+    return n;
+}
