@@ -1,5 +1,246 @@
-// Interim: connections are refused until the session code lands.
+// kd_client: the connection records of local clients on the control socket.
+// Owns the doubly linked client list entries (the head is the main loop's),
+// receiving one request per packet, sending whole blocks, and tearing a
+// connection down so that no profile keeps a pointer to a freed record.
 #include "client/kd_client.h"
 
-int kd_new_connection(int, void *) { return -2; }
-void kd_disconnect_client(kd_client *) {}
+#include <cerrno>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "client/kd_msg.h"
+#include "config/kd_config.h"
+#include "platform/csock.h"
+#include "platform/dsldstat.h"
+#include "platform/slab.h"
+#include "util/kd_log.h"
+
+int (*kd_internet_usable)(void) = dsldstat_internet_usable;
+
+namespace {
+
+constexpr size_t KD_MAX_REQUEST = 8192;
+
+// Callback context of one connection: where the list head lives, and the record.
+struct client_ctx {
+    kd_client **head;
+    kd_client *client;
+};
+
+void client_error_cb(int, void *) {}
+
+// A zero-length packet and an orderly close both read as 0 bytes on a
+// sequenced-packet socket; only the hang-up tells them apart.
+bool peer_hung_up(int fd)
+{
+    pollfd p{fd, POLLIN | POLLRDHUP, 0};
+    if (poll(&p, 1, 0) <= 0)
+        return false;
+    return (p.revents & (POLLHUP | POLLRDHUP | POLLERR | POLLNVAL)) != 0;
+}
+
+bool expected_recv_errno(int err)
+{
+    return err == EAGAIN || err == EPIPE || err == ENETRESET || err == ECONNABORTED ||
+           err == ECONNRESET || err == ESHUTDOWN;
+}
+
+void free_msg(kd_msg *msg)
+{
+    if (!msg)
+        return;
+    kd_free(msg->domain);
+    kd_free(msg);
+}
+
+// Reads one packet into msg; returns msg when a request was parsed, else
+// frees it and returns null (broken is set when the peer is gone).
+kd_msg *receive_request(kd_client *c, kd_msg *msg)
+{
+    char buf[KD_MAX_REQUEST];
+    int fd = csock_fileno(c->handle);
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n > 0) {
+        kd_msg_parse(msg, buf, static_cast<size_t>(n));
+        return msg;
+    }
+    if (n == 0 && !peer_hung_up(fd)) {
+        KD_LOG(4, LOG_DEBUG, "received empty request - ignored");
+    } else if (n == 0) {
+        KD_LOG(4, LOG_DEBUG, "received 0 bytes");
+        c->broken = 1;
+    } else {
+        int err = errno;
+        KD_LOG(1, LOG_ERR, "recv failed with %d", err);
+        if (!expected_recv_errno(err))
+            KD_LOG(1, LOG_ERR, "recv failed with %d", err);
+        c->broken = 1;
+    }
+    free_msg(msg);
+    return nullptr;
+}
+
+// Takes every profile link out of both sides; stops if a link cannot be removed.
+void detach_profiles(kd_client *c)
+{
+    while (c->nprofiles > 0) {
+        uint32_t before = c->nprofiles;
+        kd_unlink_profile(c, c->profiles[0]);
+        if (c->nprofiles >= before)
+            break;
+    }
+    kd_free(c->profiles);
+    c->profiles = nullptr;
+    c->nprofiles = 0;
+}
+
+} // namespace
+
+int kd_new_connection(int fd, void *ctx)
+{
+    KD_ASSERT(ctx!=((void *)0));
+    KD_LOG(2, LOG_NOTICE, "new client connected");
+    auto *c = static_cast<kd_client *>(kd_calloc(1, sizeof(kd_client)));
+    auto *cc = c ? static_cast<client_ctx *>(kd_calloc(1, sizeof(client_ctx))) : nullptr;
+    int h = -1;
+    if (cc) {
+        cc->head = static_cast<kd_client **>(ctx);
+        cc->client = c;
+        h = csock_add_fd(fd, "client", client_request, nullptr, nullptr, client_error_cb, client_closed, cc);
+    }
+    if (h <= 0) {
+        kd_free(cc);
+        kd_free(c);
+        KD_LOG(1, LOG_ERR, "unable to register new client");
+        return -2;
+    }
+    c->handle = h;
+    kd_client **head = cc->head;
+    c->next = *head;
+    if (*head)
+        (*head)->prev = c;
+    *head = c;
+    return 0;
+}
+
+void client_request(int, void *ctx)
+{
+    KD_ASSERT(ctx!=((void *)0));
+    kd_client *c = static_cast<client_ctx *>(ctx)->client;
+    auto *msg = static_cast<kd_msg *>(kd_calloc(1, sizeof(kd_msg)));
+    if (msg)
+        msg = receive_request(c, msg);
+    if (c->broken == 1) {
+        // A request that arrived on a dead connection has nobody to answer.
+        KD_LOG(2, LOG_NOTICE, "client gone");
+        kd_disconnect_client(c);
+    } else if (msg) {
+        kd_handle_request(c, msg);
+    }
+    free_msg(msg);
+}
+
+void kd_disconnect_client(kd_client *client)
+{
+    if (!client)
+        return;
+    detach_profiles(client);
+    int h = client->handle;
+    if (h <= 0)
+        return;
+    // Cleared first: the close callback may free the record inside csock_close.
+    client->handle = 0;
+    int fd = csock_fileno(h);
+    csock_close(h, 0);
+    if (fd >= 0)
+        close(fd);
+}
+
+void client_closed(int, void *ctx)
+{
+    KD_LOG(4, LOG_DEBUG, "client connection closed");
+    if (!ctx)
+        return;
+    auto *cc = static_cast<client_ctx *>(ctx);
+    kd_client *c = cc->client;
+    detach_profiles(c);
+    if (c->prev)
+        c->prev->next = c->next;
+    if (c->next)
+        c->next->prev = c->prev;
+    if (*cc->head == c)
+        *cc->head = c->next;
+    kd_free(c);
+    kd_free(cc);
+}
+
+void kd_trace_client(kd_client *client)
+{
+    if (!client)
+        return;
+    syslog(LOG_DEBUG, "client connection on sd=%d [API=%d]", csock_fileno(client->handle), client->api);
+    for (uint32_t i = 0; i < client->nprofiles; i++) {
+        kd_profile *p = client->profiles[i];
+        if (!p)
+            continue;
+        const char *dom = kd_get_domainname_from_profile(p);
+        if (p->profile) {
+            const char *id = mxmlElementGetAttr(p->profile, "id");
+            syslog(LOG_DEBUG, "  [%s] profile %s", dom, id ? id : "");
+        } else {
+            syslog(LOG_DEBUG, "  [%s] profile %d [placeholder]", dom, static_cast<int>(p->profile_id));
+        }
+    }
+}
+
+int client_send(kd_client *client, const char *buf, size_t count)
+{
+    KD_ASSERT(client!=((void *)0));
+    size_t off = 0;
+    while (off < count) {
+        // MSG_NOSIGNAL: a vanished peer must not kill the daemon with SIGPIPE.
+        ssize_t n = send(csock_fileno(client->handle), buf + off, count - off, MSG_NOSIGNAL);
+        if (n >= 0) {
+            off += static_cast<size_t>(n);
+            continue;
+        }
+        int err = errno;
+        KD_LOG(1, LOG_ERR, "send failed with %d", err);
+        if (err == EPIPE || err == ECONNRESET) {
+            KD_LOG(3, LOG_INFO, "connection is broken");
+            client->broken = 1;
+        }
+        return 0;
+    }
+    return 1;
+}
+
+int send_response(kd_client *client, kd_msg *req, const void *object)
+{
+    char *buf = nullptr;
+    uint32_t size = 0;
+    if (!kd_msg_response(&buf, &size, req, client->api, object)) {
+        kd_free(buf);
+        KD_LOG(1, LOG_ERR, "unable to prepare response");
+        return 0;
+    }
+    int ok = client_send(client, buf, size);
+    kd_free(buf);
+    return ok;
+}
+
+int send_request(kd_client *client, uint32_t cmd, const void *descriptor)
+{
+    char *buf = nullptr;
+    uint32_t size = 0;
+    auto *desc = static_cast<const kd_overview_desc *>(descriptor);
+    if (!kd_msg_request(&buf, &size, cmd, client->api, desc)) {
+        kd_free(buf);
+        KD_LOG(1, LOG_ERR, "unable to prepare request - too much data");
+        return 0;
+    }
+    int ok = client_send(client, buf, size);
+    kd_free(buf);
+    return ok;
+}

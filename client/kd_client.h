@@ -4,6 +4,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <mxml.h>
 
 struct kd_profile;
 struct kd_msg;
@@ -29,3 +30,16 @@ kd_profile *new_profile(uint32_t profile_id, const char *domain);
 int client_send(kd_client *client, const char *buf, size_t count);
 int send_response(kd_client *client, kd_msg *req, const void *object);
 int send_request(kd_client *client, uint32_t cmd, const void *descriptor);
+
+// Carries out one parsed request on its connection (login, logout, accounts;
+// other commands are logged and not answered). The caller frees the request.
+void kd_handle_request(kd_client *client, kd_msg *req);
+
+// After a configuration merge replaced a profile's element (either may be
+// null: the profile appeared or vanished); tells its clients when the
+// subscriptions changed. Called before the old document is deleted.
+void kd_check_profupdate(mxml_node_t *old_profile, mxml_node_t *new_profile);
+
+// The internet status as the daemon sees it: dsldstat_internet_usable by
+// default; unit tests substitute their own.
+extern int (*kd_internet_usable)(void);

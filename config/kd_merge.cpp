@@ -1,83 +1,227 @@
-// kd_merge: adoption of a newly received domain document and the poll timers.
-// Interim version: a new document replaces the running one whole; feeds and
-// timers are not carried over yet.
-#include "config/kd_config.h"
+// kd_merge: adoption of a newly received domain document. Feed records (with
+// their items, timers and errors) move from the old entries to the new ones
+// with the same "id", profile records move to the new profile elements, and
+// feeds that nothing references any more are freed with their timers.
+#include <cstdlib>
+#include <cstring>
+
 #include "client/kd_client.h"
+#include "config/kd_config.h"
+#include "config/kd_merge.h"
 #include "feed/kd_node.h"
+#include "platform/slab.h"
+#include "platform/timeout.h"
 #include "util/kd_log.h"
 
-// Frees the feed records hanging off the entries of a document's pool.
-static void free_pool_feeds(mxml_node_t *root)
+namespace {
+
+mxml_node_t *first_child(mxml_node_t *parent, const char *name)
 {
-    mxml_node_t *pool = root ? mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
-    if (!pool)
+    if (!parent)
+        return nullptr;
+    return mxmlFindElement(parent, parent, name, nullptr, nullptr, MXML_DESCEND_FIRST);
+}
+
+mxml_node_t *next_sibling(mxml_node_t *node, mxml_node_t *parent, const char *name)
+{
+    return mxmlFindElement(node, parent, name, nullptr, nullptr, MXML_NO_DESCEND);
+}
+
+const char *attr_or_empty(mxml_node_t *node, const char *name)
+{
+    const char *v = node ? mxmlElementGetAttr(node, name) : nullptr;
+    return v ? v : "";
+}
+
+// The first child of parent named name whose "id" equals id.
+mxml_node_t *child_with_id(mxml_node_t *parent, const char *name, const char *id)
+{
+    for (mxml_node_t *e = first_child(parent, name); e; e = next_sibling(e, parent, name))
+        if (strcmp(attr_or_empty(e, "id"), id) == 0)
+            return e;
+    return nullptr;
+}
+
+kd_node *node_of(mxml_node_t *entry)
+{
+    return static_cast<kd_node *>(mxmlGetUserData(entry));
+}
+
+// The feed record for a new entry: already attached, moved from the old
+// entry (its references are rebuilt), or a new empty one.
+kd_node *take_feed(mxml_node_t *entry, mxml_node_t *old_entry)
+{
+    if (kd_node *n = node_of(entry))
+        return n;
+    kd_node *n = old_entry ? node_of(old_entry) : nullptr;
+    if (n) {
+        mxmlSetUserData(old_entry, nullptr);
+        kd_free(n->refs);
+        n->refs = nullptr;
+        n->nrefs = 0;
+    } else {
+        n = static_cast<kd_node *>(kd_calloc(1, sizeof(kd_node)));
+    }
+    if (n)
+        mxmlSetUserData(entry, n);
+    return n;
+}
+
+void add_reference(kd_node *n, mxml_node_t *item)
+{
+    auto *refs = static_cast<mxml_node_t **>(kd_realloc(n->refs, (n->nrefs + 1) * sizeof(mxml_node_t *)));
+    if (!refs) {
+        KD_LOG(1, LOG_CRIT, "no memory for reference - feed will stay empty");
         return;
-    for (mxml_node_t *e = mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST); e;
-         e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND)) {
-        kdn_free_feed(static_cast<kd_node *>(mxmlGetUserData(e)));
+    }
+    n->refs = refs;
+    refs[n->nrefs++] = item;
+}
+
+// A running poll follows the entry's new address and interval.
+void carry_poll(kd_node *n, mxml_node_t *old_entry, mxml_node_t *entry)
+{
+    if (n->timer <= 0)
+        return;
+    const char *url = attr_or_empty(entry, "url");
+    if (old_entry && strcmp(attr_or_empty(old_entry, "url"), url) != 0 && n->nrefs == 1)
+        kd_add_immediate_refresh(n);
+    auto interval = static_cast<int32_t>(kd_extract_pollfreq(entry));
+    if (interval == n->poll)
+        return;
+    n->poll = interval;
+    KD_LOG(3, LOG_DEBUG, "restart with new poll-time %ld on: %s", static_cast<long>(interval), url);
+    timeout_restartex(n->timer, static_cast<uint32_t>(interval));
+}
+
+void merge_item(mxml_node_t *item, mxml_node_t *pool, mxml_node_t *old_pool)
+{
+    const char *ref = mxmlElementGetAttr(item, "entry");
+    if (!ref) {
+        KD_LOG(2, LOG_INFO, "found stale item node without entry reference");
+        return;
+    }
+    mxml_node_t *entry = child_with_id(pool, "entry", ref);
+    if (!entry) {
+        KD_LOG(2, LOG_INFO, "found item referencing non-existing entry '%s'", ref);
+        return;
+    }
+    mxmlSetUserData(item, entry);
+    mxml_node_t *old_entry = child_with_id(old_pool, "entry", ref);
+    kd_node *n = take_feed(entry, old_entry);
+    if (!n) {
+        KD_LOG(1, LOG_CRIT, "no memory for reference - feed will stay empty");
+        return;
+    }
+    n->entry = entry;
+    add_reference(n, item);
+    carry_poll(n, old_entry, entry);
+}
+
+// Feeds of the old document that no new item took over are freed.
+void free_unreferenced(mxml_node_t *old_pool)
+{
+    for (mxml_node_t *e = first_child(old_pool, "entry"); e; e = next_sibling(e, old_pool, "entry")) {
+        kd_node *n = node_of(e);
+        if (!n)
+            continue;
+        if (n->timer > 0)
+            timeout_del(n->timer);
+        n->timer = 0;
+        kdn_free_feed(n);
         mxmlSetUserData(e, nullptr);
     }
 }
 
+// Existing records move to the new element with their "id", or become placeholders.
+void move_profiles(kd_profile *list, mxml_node_t *profiles)
+{
+    for (kd_profile *p = list; p; p = p->next) {
+        if (!p->profile)
+            continue;
+        mxml_node_t *prev = p->profile;
+        p->profile = child_with_id(profiles, "profile", attr_or_empty(prev, "id"));
+        if (p->profile)
+            mxmlSetUserData(p->profile, p);
+        kd_check_profupdate(prev, p->profile);
+    }
+}
+
+kd_profile *find_profile(kd_profile *list, uint32_t id)
+{
+    for (kd_profile *p = list; p; p = p->next)
+        if (p->profile_id == id)
+            return p;
+    return nullptr;
+}
+
+void add_profile_record(kd_profile **list, mxml_node_t *el, uint32_t id)
+{
+    auto *p = static_cast<kd_profile *>(kd_calloc(1, sizeof(kd_profile)));
+    if (!p) {
+        KD_LOG(1, LOG_CRIT, "no memory for profile structure");
+        return;
+    }
+    p->profile = el;
+    p->profile_id = id;
+    mxmlSetUserData(el, p);
+    p->next = *list;
+    if (*list)
+        (*list)->prev = p;
+    *list = p;
+}
+
+// New profile elements fill placeholders or get records of their own.
+void adopt_profiles(kd_profile **list, mxml_node_t *profiles)
+{
+    for (mxml_node_t *el = first_child(profiles, "profile"); el; el = next_sibling(el, profiles, "profile")) {
+        const char *idtext = mxmlElementGetAttr(el, "id");
+        if (!idtext) {
+            // configd refuses such documents; skipping keeps the daemon alive.
+            KD_LOG(2, LOG_INFO, "found profile node without id - ignored");
+            continue;
+        }
+        auto id = static_cast<uint32_t>(strtoul(idtext, nullptr, 10));
+        kd_profile *p = find_profile(*list, id);
+        if (!p) {
+            add_profile_record(list, el, id);
+        } else if (!p->profile) {
+            p->profile = el;
+            mxmlSetUserData(el, p);
+            kd_check_profupdate(nullptr, el);
+        }
+    }
+}
+
+} // namespace
+
 void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc)
 {
-    (void)list;
-    if (!mxmlFindElement(newdoc, newdoc, "pool", nullptr, nullptr, MXML_DESCEND_FIRST)) {
+    KD_ASSERT(slot!=((void *)0));
+    KD_ASSERT(list!=((void *)0));
+    mxml_node_t *old_pool = first_child(*slot, "pool");
+    mxml_node_t *pool = first_child(newdoc, "pool");
+    if (!pool) {
         KD_LOG(1, LOG_CRIT, "missing <pool>-node in config");
         return;
     }
-    if (!mxmlFindElement(newdoc, newdoc, "profiles", nullptr, nullptr, MXML_DESCEND_FIRST)) {
+    mxml_node_t *profiles = first_child(newdoc, "profiles");
+    if (!profiles) {
         KD_LOG(1, LOG_CRIT, "missing <profiles>-node in config");
         return;
     }
-    free_pool_feeds(*slot);
+    if (newdoc == *slot) {
+        kd_refresh_domain_timers(newdoc);
+        return;
+    }
+    for (mxml_node_t *it = mxmlFindElement(profiles, profiles, "item", nullptr, nullptr, MXML_DESCEND); it;
+         it = mxmlFindElement(it, profiles, "item", nullptr, nullptr, MXML_DESCEND))
+        merge_item(it, pool, old_pool);
+    free_unreferenced(old_pool);
+    move_profiles(*list, profiles);
+    adopt_profiles(list, profiles);
     if (*slot)
         mxmlDelete(*slot);
     *slot = newdoc;
     kd_refresh_domain_timers(newdoc);
-}
-
-void kd_refresh_domain_timers(mxml_node_t *) {}
-
-void kd_refresh_timers(void)
-{
-    kd_refresh_domain_timers(g_rssdomain);
-    kd_refresh_domain_timers(g_poddomain);
-}
-
-// Removes the first occurrence of p from an array of n pointers.
-template <typename T> static void remove_first(T **arr, uint32_t *n, const T *p)
-{
-    for (uint32_t i = 0; i < *n; i++) {
-        if (arr[i] != p)
-            continue;
-        for (uint32_t j = i + 1; j < *n; j++)
-            arr[j - 1] = arr[j];
-        (*n)--;
-        return;
-    }
-}
-
-void kd_unlink_profile(kd_client *client, kd_profile *profile)
-{
-    if (!client || !profile)
-        return;
-    remove_first(profile->connections, &profile->nconns, client);
-    remove_first(client->profiles, &client->nprofiles, profile);
-    kd_refresh_timers();
-}
-
-static int has_items(mxml_node_t *root)
-{
-    return root && mxmlFindElement(root, root, "item", nullptr, nullptr, MXML_DESCEND) != nullptr;
-}
-
-int kd_config_empty(void)
-{
-    if (g_configstate != 2 || g_receiveddomains != 3)
-        return 0;
-    if (has_items(g_rssdomain) || has_items(g_poddomain))
-        return 0;
-    KD_LOG(2, LOG_INFO, "config has no items");
-    return 1;
 }
