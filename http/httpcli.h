@@ -56,6 +56,9 @@ void build_request(httpcli_ctx *ctx, const http_uri *uri, httpcli_buffer *b);
 int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_result *res);
 int strip_response(httpcli_ctx *ctx, httpcli_buffer *b, http_result *res);
 char *getheaderline(httpcli_ctx *ctx, httpcli_buffer *b, char **cursor, int continuation);
+// One chunk-size line at the cursor (an empty line before it is skipped once);
+// 0 ends the body: size zero, no line left, or the line could not be copied.
+uint32_t read_chunk_size(httpcli_ctx *ctx, httpcli_buffer *b, char **cursor);
 int http_get_redir(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_result *res, char **uristack);
 // ctx null: http_default_context. The caller releases resp->start and the
 // result strings (kd_free) afterwards, also after failures.

@@ -1,0 +1,174 @@
+// httpcli exchange: resolving and connecting without blocking, sending the
+// request and receiving the response, every wait bounded by the context's
+// time-out and the response bounded in size.
+#include "http/httpcli.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "platform/slab.h"
+#include "util/kd_log.h"
+
+namespace {
+
+constexpr size_t recv_block = 1560;
+
+// Everything one exchange holds, released in a fixed order on every path.
+struct exchange {
+    httpcli_ctx *ctx;
+    http_uri *uri = nullptr;
+    httpcli_buffer *req = nullptr;
+    int fd = -1;
+
+    explicit exchange(httpcli_ctx *c) : ctx(c) {}
+    exchange(const exchange &) = delete;
+    exchange &operator=(const exchange &) = delete;
+    ~exchange()
+    {
+        if (req)
+            kd_free(req->start);
+        kd_free(req);
+        if (fd >= 0)
+            close(fd);
+        if (uri)
+            http_free_uri(ctx, uri);
+        kd_free(uri);
+    }
+};
+
+// Waits until fd is readable or writable; false on time-out, failure, or
+// when the socket is not the one reported.
+bool wait_for(const httpcli_ctx *ctx, int fd, bool writable)
+{
+    if (fd >= FD_SETSIZE)
+        return false;
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(ctx->timeout);
+    tv.tv_usec = static_cast<suseconds_t>((ctx->timeout - static_cast<float>(tv.tv_sec)) * 1000000);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    int n = writable ? select(fd + 1, nullptr, &set, nullptr, &tv)
+                     : select(fd + 1, &set, nullptr, nullptr, &tv);
+    return n > 0 && FD_ISSET(fd, &set);
+}
+
+// Resolves the target (the proxy when one is set) and starts a non-blocking
+// connect; the socket, or -1.
+int open_connection(const httpcli_ctx *ctx, const http_uri *uri)
+{
+    bool via_proxy = ctx->proxy && *ctx->proxy;
+    const hostent *h = gethostbyname(via_proxy ? ctx->proxy : uri->host);
+    if (!h || h->h_addrtype != AF_INET || h->h_length != 4 || !h->h_addr_list[0])
+        return -1;
+    sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(via_proxy ? ctx->proxy_port : uri->port));
+    memcpy(&sa.sin_addr, h->h_addr_list[0], 4);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0)
+        return -1;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags != -1)
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 && errno != EINPROGRESS) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Sends the whole request; any pass that cannot send ends the exchange.
+bool send_request(const httpcli_ctx *ctx, int fd, const httpcli_buffer *req)
+{
+    uint32_t sent = 0;
+    while (sent < req->len) {
+        int err = 0;
+        socklen_t errlen = sizeof err;
+        if (!wait_for(ctx, fd, true) || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) != 0 || err)
+            return false;
+        // MSG_NOSIGNAL: a peer that resets the connection must not kill the daemon.
+        ssize_t n = send(fd, req->start + sent, req->len - sent, MSG_NOSIGNAL);
+        if (n < 0)
+            return false;
+        sent += static_cast<uint32_t>(n);
+    }
+    return true;
+}
+
+// Reads until the peer closes, a wait ends empty-handed, or the size bound is
+// passed: HTTPCLI_TRUNCATED, HTTPCLI_NO_MEMORY or 0.
+int receive(const httpcli_ctx *ctx, int fd, httpcli_ctx *bctx, httpcli_buffer *resp)
+{
+    char block[recv_block];
+    for (;;) {
+        ssize_t n = recv(fd, block, sizeof block, 0);
+        if (n >= 0) {
+            buffadd(bctx, resp, block, static_cast<uint32_t>(n));
+            if (!resp->start && n > 0)
+                return HTTPCLI_NO_MEMORY;
+            if (resp->len > HTTPCLI_MAX_RESPONSE)
+                return HTTPCLI_TRUNCATED;
+            if (n == 0)
+                return 0;
+        } else if (errno != EAGAIN || !wait_for(ctx, fd, false)) {
+            return 0;
+        }
+    }
+}
+
+// Reception and parsing: the status, or one of the client's codes.
+int take_response(httpcli_ctx *ctx, int fd, httpcli_buffer *resp, http_result *res)
+{
+    httpcli_buffer *own = nullptr; // the response is only parsed, then dropped
+    if (!resp && !(resp = own = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)))))
+        return HTTPCLI_NO_CONNECTION;
+    int rc = receive(ctx, fd, ctx, resp);
+    int code = HTTPCLI_NO_CONNECTION;
+    if (rc == HTTPCLI_NO_MEMORY) {
+        code = rc;
+    } else if (resp->start && resp->len >= 4) {
+        int parsed = strip_response(ctx, resp, res);
+        code = rc == HTTPCLI_TRUNCATED ? rc : parsed;
+    }
+    if (resp->start) // len < size always leaves room for the terminator
+        resp->start[resp->len] = '\0';
+    if (own) {
+        kd_free(own->start);
+        kd_free(own);
+    }
+    return code;
+}
+
+} // namespace
+
+int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_result *res)
+{
+    KD_ASSERT(ctx!=((void *)0));
+    KD_ASSERT(url!=((void *)0));
+    exchange x(ctx);
+    x.uri = static_cast<http_uri *>(kd_calloc(1, sizeof(http_uri)));
+    if (!x.uri)
+        return HTTPCLI_NO_CONNECTION;
+    http_parse_uri(ctx, url, x.uri);
+    if (!x.uri->scheme || !x.uri->host || !x.uri->path)
+        return HTTPCLI_NO_MEMORY;
+    x.fd = open_connection(ctx, x.uri);
+    if (x.fd < 0)
+        return HTTPCLI_NO_CONNECTION;
+    x.req = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)));
+    if (!x.req)
+        return HTTPCLI_NO_MEMORY;
+    build_request(ctx, x.uri, x.req);
+    if (!x.req->start)
+        return HTTPCLI_NO_MEMORY;
+    if (!send_request(ctx, x.fd, x.req))
+        return HTTPCLI_NO_CONNECTION;
+    return take_response(ctx, x.fd, resp, res);
+}

@@ -1,0 +1,340 @@
+// Whole exchanges against a scripted server on loopback inside the test
+// process: the request as received, reception, size bound, time-outs and
+// redirects.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "http/httpcli.h"
+#include "platform/slab.h"
+
+namespace {
+
+// What the server does with one connection.
+struct script {
+    std::vector<std::string> pieces; // sent one after another with a pause
+    bool hang = false;               // answer nothing until the client leaves
+    bool endless = false;            // send the first piece forever
+};
+
+// Accepts connections one at a time; the n-th connection gets the n-th
+// script (the last one repeats) and its request is recorded.
+class scripted_server {
+  public:
+    explicit scripted_server(std::vector<script> s) : scripts_(std::move(s))
+    {
+        lfd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in sa = {};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(lfd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+        listen(lfd_, 8);
+        socklen_t l = sizeof sa;
+        getsockname(lfd_, reinterpret_cast<sockaddr *>(&sa), &l);
+        port_ = ntohs(sa.sin_port);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~scripted_server()
+    {
+        stop_ = true;
+        thread_.join();
+        close(lfd_);
+    }
+    int port() const { return port_; }
+    std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    std::vector<std::string> requests()
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        return requests_;
+    }
+
+  private:
+    void run()
+    {
+        size_t n = 0;
+        while (!stop_) {
+            pollfd p = {lfd_, POLLIN, 0};
+            if (poll(&p, 1, 20) <= 0)
+                continue;
+            int fd = accept(lfd_, nullptr, nullptr);
+            if (fd < 0)
+                continue;
+            serve(fd, scripts_[n < scripts_.size() ? n : scripts_.size() - 1]);
+            n++;
+            close(fd);
+        }
+    }
+    void serve(int fd, const script &s)
+    {
+        std::string req;
+        char buf[4096];
+        while (req.find("\r\n\r\n") == std::string::npos) {
+            ssize_t r = recv(fd, buf, sizeof buf, 0);
+            if (r <= 0)
+                break;
+            req.append(buf, static_cast<size_t>(r));
+        }
+        {
+            std::lock_guard<std::mutex> g(mu_);
+            requests_.push_back(req);
+        }
+        if (s.hang) {
+            while (recv(fd, buf, sizeof buf, 0) > 0) {
+            }
+            return;
+        }
+        do {
+            for (std::string piece : s.pieces) {
+                for (size_t at; (at = piece.find("PORT")) != std::string::npos;)
+                    piece.replace(at, 4, std::to_string(port_));
+                if (send(fd, piece.data(), piece.size(), MSG_NOSIGNAL) < 0)
+                    return;
+                if (!s.endless)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        } while (s.endless && !stop_);
+    }
+    int lfd_;
+    int port_;
+    std::vector<script> scripts_;
+    std::vector<std::string> requests_;
+    std::mutex mu_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+struct ExchangeTest : ::testing::Test {
+    httpcli_ctx ctx = {nullptr, 0, 0, 2.0f};
+    httpcli_buffer resp = {};
+    http_result res = {};
+    size_t live = slab_live_count();
+    void release()
+    {
+        kd_free(resp.start);
+        kd_free(res.location);
+        kd_free(res.content_type);
+        kd_free(res.content_encoding);
+        resp = {};
+        res = {};
+    }
+    void TearDown() override
+    {
+        slab_fail_after(-1);
+        release();
+        EXPECT_EQ(slab_live_count(), live);
+    }
+    std::string body() const { return std::string(resp.start, resp.len); }
+};
+
+std::string expected_request(const std::string &target, const std::string &host)
+{
+    return "GET " + target + " HTTP/1.1\r\nHost: " + host +
+           "\r\nConnection: close\r\nAccept-Encoding: \r\nUser-Agent: Lumora FeedReader\r\n\r\n";
+}
+
+TEST_F(ExchangeTest, RequestArrivesByteForByte)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\n\r\n<rss/>"}}});
+    EXPECT_EQ(httpcli_get(&ctx, (srv.base() + "/feed.xml?x=1").c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), "<rss/>");
+    EXPECT_EQ(resp.start[resp.len], '\0');
+    EXPECT_STREQ(res.content_type, "text/xml");
+    ASSERT_EQ(srv.requests().size(), 1u);
+    EXPECT_EQ(srv.requests()[0],
+              expected_request("/feed.xml?x=1", "127.0.0.1:" + std::to_string(srv.port())));
+}
+
+TEST_F(ExchangeTest, ProxyGetsAbsoluteFormAndOriginHost)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\n\r\nvia proxy"}}});
+    ctx.proxy = "127.0.0.1";
+    ctx.proxy_port = srv.port();
+    EXPECT_EQ(httpcli_get(&ctx, "http://origin.invalid:8080/feed", &resp, &res), 200);
+    EXPECT_EQ(body(), "via proxy");
+    ASSERT_EQ(srv.requests().size(), 1u);
+    EXPECT_EQ(srv.requests()[0],
+              expected_request("http://origin.invalid:8080/feed", "origin.invalid:8080"));
+}
+
+TEST_F(ExchangeTest, NullContextUsesDefault)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\n\r\nok"}}});
+    EXPECT_EQ(httpcli_get(nullptr, (srv.base() + "/").c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), "ok");
+}
+
+TEST_F(ExchangeTest, ThreeBytesIsNoConnection)
+{
+    scripted_server srv({{{"HTT"}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 1);
+    EXPECT_EQ(resp.len, 3u);
+}
+
+TEST_F(ExchangeTest, ClosedWithoutAnswerIsNoConnection)
+{
+    scripted_server srv({script{}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 1);
+    EXPECT_EQ(resp.len, 0u);
+}
+
+TEST_F(ExchangeTest, ChunkSplitAcrossReads)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\nTransfer-", "Encoding: chunked\r\n\r\n1", "0;x=y\r\n0123456",
+                          "789abcdef\r", "\n3\r\nxyz\r\n0\r\n", "\r\n"}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), "0123456789abcdefxyz");
+}
+
+TEST_F(ExchangeTest, SlowBodyWithinTimeOut)
+{
+    script s;
+    s.pieces.push_back("HTTP/1.1 200 OK\r\n\r\n");
+    std::string want;
+    for (int i = 0; i < 15; i++) {
+        s.pieces.push_back(std::string(100, static_cast<char>('a' + i)));
+        want += s.pieces.back();
+    }
+    scripted_server srv({s});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), want);
+}
+
+TEST_F(ExchangeTest, OversizedResponseIsTruncated)
+{
+    std::string payload;
+    for (int i = 0; i < 200000; i++)
+        payload += static_cast<char>('0' + i % 10);
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\n\r\n", payload}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 2);
+    EXPECT_GE(resp.len, HTTPCLI_MAX_RESPONSE - 19u);
+    EXPECT_LT(resp.len, 200000u);
+    EXPECT_EQ(body(), payload.substr(0, resp.len));
+    EXPECT_EQ(resp.start[resp.len], '\0');
+}
+
+TEST_F(ExchangeTest, EndlessBodyIsTruncated)
+{
+    script s;
+    s.pieces = {std::string(1000, 'e')};
+    s.endless = true;
+    scripted_server srv({s});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 2);
+    EXPECT_LE(resp.size, HTTPCLI_MAX_RESPONSE + 1560u + bufsizestep);
+}
+
+TEST_F(ExchangeTest, SilentServerTimesOut)
+{
+    script s;
+    s.hang = true;
+    scripted_server srv({s});
+    ctx.timeout = 0.3f;
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 1);
+}
+
+TEST_F(ExchangeTest, RefusedPortIsNoConnection)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    socklen_t l = sizeof sa;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &l);
+    close(fd);
+    std::string url = "127.0.0.1:" + std::to_string(ntohs(sa.sin_port)) + "/";
+    EXPECT_EQ(httpcli_get(&ctx, url.c_str(), &resp, &res), 1);
+}
+
+TEST_F(ExchangeTest, RedirectChainRelativeAndAbsolute)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: /b\r\n\r\nmoved"}},
+                         {{"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:PORT/c\r\n\r\n"}},
+                         {{"HTTP/1.1 307 Temp\r\nLocation: /d?q\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\nContent-Type: x\r\n\r\nfinal"}}});
+    EXPECT_EQ(httpcli_get(&ctx, (srv.base() + "/a").c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), "final");
+    EXPECT_EQ(res.location, nullptr);
+    EXPECT_STREQ(res.content_type, "x");
+    std::string host = "127.0.0.1:" + std::to_string(srv.port());
+    EXPECT_EQ(srv.requests(), (std::vector<std::string>{
+                                  expected_request("/a", host), expected_request("/b", host),
+                                  expected_request("/c", host), expected_request("/d?q", host)}));
+}
+
+TEST_F(ExchangeTest, RedirectLoopEndsWithTheRedirectCode)
+{
+    scripted_server srv({{{"HTTP/1.1 302 Found\r\nLocation: /b\r\n\r\n"}},
+                         {{"HTTP/1.1 301 Moved\r\nLocation: /a\r\n\r\n"}},
+                         {{"HTTP/1.1 307 Again\r\nLocation: /b\r\n\r\nloop body"}}});
+    EXPECT_EQ(httpcli_get(&ctx, (srv.base() + "/a").c_str(), &resp, &res), 307);
+    EXPECT_EQ(body(), "loop body");
+    EXPECT_EQ(std::string(res.location), "127.0.0.1:" + std::to_string(srv.port()) + "/b");
+    EXPECT_EQ(srv.requests().size(), 3u);
+}
+
+TEST_F(ExchangeTest, RedirectToItselfIsFollowedOnce)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: http://127.0.0.1:PORT/\r\n\r\n"}}});
+    EXPECT_EQ(httpcli_get(&ctx, (srv.base() + "/").c_str(), &resp, &res), 301);
+    EXPECT_EQ(srv.requests().size(), 2u);
+}
+
+TEST_F(ExchangeTest, NotModifiedIsNotFollowed)
+{
+    scripted_server srv({{{"HTTP/1.1 304 Not Modified\r\nLocation: /elsewhere\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\nwrong"}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 304);
+    EXPECT_STREQ(res.location, "/elsewhere");
+    EXPECT_EQ(srv.requests().size(), 1u);
+}
+
+TEST_F(ExchangeTest, RedirectWithoutLocationIsReturned)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation:\r\n\r\nno target"}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 301);
+    EXPECT_EQ(body(), "no target");
+}
+
+TEST_F(ExchangeTest, NoBufferOrResultPassed)
+{
+    scripted_server srv({{{"HTTP/1.1 201 Created\r\nLocation: /x\r\n\r\nbody"}}});
+    ctx.timeout = 1.0f;
+    EXPECT_EQ(http_request(&ctx, srv.base().c_str(), nullptr, nullptr), 201);
+}
+
+TEST_F(ExchangeTest, FailedAllocationsEndWithNoMemoryAndLeaveNothingBehind)
+{
+    std::string payload(5000, 'p');
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: /next\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\nContent-Type: t\r\n\r\n" + payload}}});
+    ASSERT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 200);
+    ASSERT_EQ(body(), payload);
+    release();
+    int no_memory = 0;
+    for (long k = 0; k < 40; k++) {
+        slab_fail_after(k);
+        int rc = httpcli_get(&ctx, srv.base().c_str(), &resp, &res);
+        slab_fail_after(-1);
+        EXPECT_TRUE(rc == 1 || rc == 3 || rc == 200 || rc == 301) << "k=" << k << " rc=" << rc;
+        if (rc == 3)
+            no_memory++;
+        if (rc == 200) {
+            EXPECT_EQ(body(), payload);
+        }
+        release();
+        EXPECT_EQ(slab_live_count(), live) << "k=" << k;
+    }
+    EXPECT_GT(no_memory, 3);
+}
+
+} // namespace
