@@ -1,0 +1,153 @@
+// store: domain files of configd and document checks.
+#include "configd/store.h"
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+bool cfg_valid_domain(const char *name)
+{
+    size_t n = name ? strlen(name) : 0;
+    if (n < 1 || n > 32)
+        return false;
+    for (size_t i = 0; i < n; i++) {
+        char c = name[i];
+        if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-'))
+            return false;
+    }
+    return true;
+}
+
+std::string cfg_check_document(mxml_node_t *root)
+{
+    if (!root)
+        return "empty document";
+    if (!mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST))
+        return "document has no <pool> element below its root";
+    mxml_node_t *profiles = mxmlFindElement(root, root, "profiles", nullptr, nullptr, MXML_DESCEND_FIRST);
+    if (!profiles)
+        return "document has no <profiles> element below its root";
+    for (mxml_node_t *p = mxmlFindElement(profiles, profiles, "profile", nullptr, nullptr, MXML_DESCEND_FIRST); p;
+         p = mxmlFindElement(p, profiles, "profile", nullptr, nullptr, MXML_NO_DESCEND))
+        if (!mxmlElementGetAttr(p, "id"))
+            return "a <profile> element has no \"id\" attribute";
+    return "";
+}
+
+// Mini-XML reports through one global callback; the last message is kept.
+static std::string g_lasterror;
+static void keep_error(const char *msg)
+{
+    g_lasterror = msg;
+}
+
+mxml_node_t *cfg_parse(const char *text, std::string *why)
+{
+    g_lasterror = "no XML element found";
+    mxmlSetErrorCallback(keep_error);
+    mxml_node_t *root = mxmlLoadString(nullptr, text, MXML_OPAQUE_CALLBACK);
+    if (!root)
+        *why = "not well-formed XML: " + g_lasterror;
+    return root;
+}
+
+static std::string path_of(const std::string &dir, const char *domain)
+{
+    return dir + "/" + domain + ".xml";
+}
+
+static mxml_node_t *empty_document()
+{
+    mxml_node_t *root = mxmlNewXML("1.0");
+    mxmlNewElement(root, "pool");
+    mxmlNewElement(root, "profiles");
+    return root;
+}
+
+static bool read_file(const std::string &path, std::string *text, int *err)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *err = errno;
+        return false;
+    }
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        text->append(buf, size_t(n));
+    *err = n < 0 ? errno : 0;
+    close(fd);
+    return n == 0;
+}
+
+mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *why)
+{
+    std::string text;
+    int err = 0;
+    if (!read_file(path_of(dir, domain), &text, &err)) {
+        if (err == ENOENT)
+            return empty_document();
+        *why = std::string("cannot read stored document: ") + strerror(err);
+        return nullptr;
+    }
+    mxml_node_t *root = cfg_parse(text.c_str(), why);
+    if (!root)
+        *why = "stored document is unreadable, " + *why;
+    return root;
+}
+
+static bool write_all(int fd, const char *p, size_t n)
+{
+    while (n) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return false;
+        p += w;
+        n -= size_t(w);
+    }
+    return true;
+}
+
+static bool fsync_dir(const std::string &dir)
+{
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = fsync(fd) == 0;
+    close(fd);
+    return ok;
+}
+
+bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, std::string *why)
+{
+    char *text = mxmlSaveAllocString(root, MXML_NO_CALLBACK);
+    if (!text) {
+        *why = "no memory to render the document";
+        return false;
+    }
+    std::string tmp = dir + "/." + domain + ".xml.tmp";
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    bool ok = fd >= 0 && write_all(fd, text, strlen(text)) && fsync(fd) == 0;
+    int err = errno;
+    free(text);
+    if (fd >= 0 && close(fd) < 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    // The rename is the one moment the new document replaces the old one.
+    if (ok && rename(tmp.c_str(), path_of(dir, domain).c_str()) < 0) {
+        ok = false;
+        err = errno;
+    }
+    if (!ok) {
+        unlink(tmp.c_str());
+        *why = std::string("cannot store document: ") + strerror(err);
+        return false;
+    }
+    if (!fsync_dir(dir))
+        *why = std::string("stored, but the directory could not be synced: ") + strerror(errno);
+    return true;
+}

@@ -1,0 +1,14 @@
+// rpc_configd: the configd interface description shared by its clients
+// (kelpd) and the reference configd: message identifiers and formats.
+#pragma once
+#include <cstdint>
+#include "platform/rpc.h"
+
+inline constexpr uint32_t RPC_CONFIGD_LIST_DOMAINS = 0x10000000;
+inline constexpr uint32_t RPC_CONFIGD_SUBSCRIBE = 0x10000001;
+inline constexpr uint32_t RPC_CONFIGD_GET_CONFIG = 0x10000002;
+inline constexpr uint32_t RPC_CONFIGD_SAVE_CONFIG = 0x10000003;
+inline constexpr uint32_t RPC_CONFIGD_CHANGE_IND = 0x20000000;
+
+extern const rpc_msgdesc g_ConfigD_ParamsList[];
+extern rpc_ifaceinfo g_ConfigD_IfaceInfo;
