@@ -6,6 +6,7 @@
 #include <mxml.h>
 
 struct rpc_conn;
+struct rpc_msg;
 struct kd_client;
 
 // Runtime record of one profile of a domain; a placeholder has no element.
@@ -38,11 +39,22 @@ uint32_t kd_extract_pollfreq(mxml_node_t *entry);
 int kd_feed_in_use(mxml_node_t *entry);
 
 // --- configd session ---
+// Messages of the configd interface that the daemon uses.
+inline constexpr uint32_t KD_CONFIGD_SUBSCRIBE = 0x10000001;
+inline constexpr uint32_t KD_CONFIGD_GET_CONFIG = 0x10000002;
+inline constexpr uint32_t KD_CONFIGD_SAVE_CONFIG = 0x10000003;
+inline constexpr uint32_t KD_CONFIGD_CHANGE_IND = 0x20000000;
 extern int32_t g_configstate;        // -1 none, 0 connecting, 1 requested, 2 received, 3 closing
 extern uint32_t g_receiveddomains;   // bit 1 rss, bit 2 podcast
 rpc_conn *kd_config_init(void);
 void kd_config_close(rpc_conn *conn);
 void kd_save_config(mxml_node_t *root);
+// Callbacks of the configd connection, run by the RPC library.
+void kd_configd_closed(rpc_conn *conn, rpc_msg *msg);
+void kd_configd_established(rpc_conn *conn, rpc_msg *msg);
+void kd_configd_error(rpc_conn *conn, rpc_msg *msg);
+void kd_configd_data(rpc_conn *conn, rpc_msg *msg);
+void kd_configd_change(rpc_conn *conn, rpc_msg *msg);
 
 // --- merge and poll timers ---
 void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc);

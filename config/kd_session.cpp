@@ -1,12 +1,182 @@
-// Interim configd session: no connection until the RPC transport exists.
+// kd_session: the one connection to configd. Subscribes to both domains,
+// fetches their documents (again on every change indication), hands them to
+// the merge, sends changed documents back, and tears the configuration down
+// when the connection closes.
+#include <cstdlib>
+#include <cstring>
+#include <sys/un.h>
 #include "config/kd_config.h"
+#include "feed/kd_node.h"
+#include "platform/csock.h"
+#include "platform/kd_paths.h"
+#include "platform/rpc_configd.h"
+#include "platform/slab.h"
+#include "platform/timeout.h"
+#include "util/kd_log.h"
 
-mxml_node_t *g_rssdomain;
-mxml_node_t *g_poddomain;
-kd_profile *g_rssproflist;
-kd_profile *g_podproflist;
 int32_t g_configstate = -1;
 uint32_t g_receiveddomains;
+static rpc_conn *g_configconn;
 
-rpc_conn *kd_config_init(void) { return nullptr; }
-void kd_config_close(rpc_conn *) {}
+static const rpc_callback g_configd_callbacks[] = {
+    {1, kd_configd_closed},
+    {2, kd_configd_established},
+    {0x10, kd_configd_error},
+    {KD_CONFIGD_GET_CONFIG, kd_configd_data},
+    {KD_CONFIGD_CHANGE_IND, kd_configd_change},
+    {0, nullptr},
+};
+
+rpc_conn *kd_config_init(void)
+{
+    KD_LOG(3, LOG_INFO, "connecting to configd ...");
+    if (rpc_addiface(&g_ConfigD_IfaceInfo, g_ConfigD_ParamsList, 0, 0) < 0) {
+        g_configstate = -1;
+        return nullptr;
+    }
+    sockaddr_un addr;
+    csock_sockaddr_set_unix(&addr, KD_CONFIGD_SOCKET);
+    rpc_conn *conn = rpc_connect(&addr, &g_ConfigD_IfaceInfo, g_configd_callbacks);
+    g_configstate = conn ? 0 : -1;
+    return conn;
+}
+
+void kd_configd_established(rpc_conn *conn, rpc_msg *)
+{
+    static const char *const domains[] = {KD_DOMAIN_RSS, KD_DOMAIN_PODCAST, nullptr};
+    KD_LOG(3, LOG_INFO, "configd connection established");
+    rpc_send_req(conn, KD_CONFIGD_SUBSCRIBE, 0, domains);
+    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, KD_HANDLE_RSS, KD_DOMAIN_RSS);
+    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, KD_HANDLE_PODCAST, KD_DOMAIN_PODCAST);
+    g_configstate = 1;
+    g_configconn = conn;
+}
+
+// The session owns the tree from here on: the merge adopts it, and one it
+// refused is deleted rather than left behind.
+static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
+{
+    mxml_node_t *tree = msg->x;
+    msg->x = nullptr;
+    kd_config_merge(slot, list, tree);
+    if (*slot != tree)
+        mxmlDelete(tree);
+    g_receiveddomains |= bit;
+}
+
+void kd_configd_data(rpc_conn *, rpc_msg *msg)
+{
+    KD_LOG(3, LOG_INFO, "incoming config data (handle=%d)", int(msg->tag));
+    if (!msg->x) {
+        // configd refused the request (error reply): nothing arrived.
+        KD_LOG(1, LOG_ERR, "configd refused config request (handle=%u): %s", msg->tag,
+               msg->error ? msg->error : "");
+        return;
+    }
+    if (msg->tag == KD_HANDLE_RSS)
+        adopt(&g_rssdomain, &g_rssproflist, msg, 1);
+    else if (msg->tag == KD_HANDLE_PODCAST)
+        adopt(&g_poddomain, &g_podproflist, msg, 2);
+    else
+        KD_LOG(1, LOG_ERR, "received config for unknown handle %u - ignored", msg->tag);
+    g_configstate = 2;
+}
+
+void kd_configd_change(rpc_conn *conn, rpc_msg *msg)
+{
+    const char *name = msg->s ? msg->s : "";
+    KD_LOG(3, LOG_INFO, "config change on domain '%s' indicated", name);
+    uint32_t tag = 0;
+    if (!strcmp(name, KD_DOMAIN_RSS))
+        tag = KD_HANDLE_RSS;
+    else if (!strcmp(name, KD_DOMAIN_PODCAST))
+        tag = KD_HANDLE_PODCAST;
+    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, tag, name);
+    g_configstate = 1;
+}
+
+void kd_configd_error(rpc_conn *conn, rpc_msg *msg)
+{
+    KD_LOG(1, LOG_CRIT, "configd error %d", int(msg->code & 0xff));
+    g_configstate = 3;
+    rpc_close(conn);
+}
+
+// Unlinks every connection of every record of a list, then frees the records.
+static void free_profiles(kd_profile **list)
+{
+    while (kd_profile *p = *list) {
+        while (p->nconns > 0) {
+            uint32_t before = p->nconns;
+            kd_unlink_profile(p->connections[0], p);
+            if (p->nconns >= before)
+                p->nconns = 0;   // never spin on a record that will not shrink
+        }
+        kd_free(p->connections);
+        *list = p->next;
+        if (*list)
+            (*list)->prev = nullptr;
+        kd_free(p);
+    }
+}
+
+// Frees the feed records of the pool, then the document.
+static void free_domain(mxml_node_t **slot)
+{
+    mxml_node_t *root = *slot;
+    if (!root)
+        return;
+    mxml_node_t *pool = mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST);
+    for (mxml_node_t *e = pool ? mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
+         e; e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND)) {
+        auto *feed = static_cast<kd_node *>(mxmlGetUserData(e));
+        // A poll left running would fire on a freed record.
+        if (feed && feed->timer > 0)
+            timeout_del(feed->timer);
+        kdn_free_feed(feed);
+        mxmlSetUserData(e, nullptr);
+    }
+    mxmlDelete(root);
+    *slot = nullptr;
+}
+
+void kd_configd_closed(rpc_conn *, rpc_msg *)
+{
+    KD_LOG(3, LOG_INFO, "configd connection closed");
+    g_configstate = -1;
+    g_configconn = nullptr;
+    free_profiles(&g_rssproflist);
+    free_profiles(&g_podproflist);
+    free_domain(&g_rssdomain);
+    free_domain(&g_poddomain);
+}
+
+void kd_config_close(rpc_conn *conn)
+{
+    KD_LOG(3, LOG_INFO, "disconnecting from configd ...");
+    g_configstate = 3;
+    rpc_close(conn);
+}
+
+void kd_save_config(mxml_node_t *root)
+{
+    const char *name = nullptr;
+    if (root && root == g_rssdomain)
+        name = KD_DOMAIN_RSS;
+    else if (root && root == g_poddomain)
+        name = KD_DOMAIN_PODCAST;
+    if (!name) {
+        KD_LOG(1, LOG_CRIT, "unable to save config, non-matching domain node");
+        return;
+    }
+    // Outside state 2 the change stays in memory until the next save.
+    if (g_configstate != 2)
+        return;
+    if (verbosity >= 4) {
+        char *text = mxmlSaveAllocString(root, MXML_NO_CALLBACK);
+        if (text)
+            syslog(LOG_DEBUG, "%s", text);
+        free(text);
+    }
+    rpc_send_req(g_configconn, KD_CONFIGD_SAVE_CONFIG, 0, name, root);
+}
