@@ -211,6 +211,9 @@ int kd_msg_request(char **buf, uint32_t *size, uint32_t cmd, int api, const kd_o
     const char *read = mxmlElementGetAttr(desc->subscription, "read");
     if (read)
         bf_from_string(&bf, read);
+    // Marks that could not be loaded would show read items as new.
+    if (read && strlen(read) >= 2 && !bf.bits)
+        m.ok = false;
     put_overview(&m, desc, &bf, api);
     bf_free(&bf);
     return msg_finish(&m);

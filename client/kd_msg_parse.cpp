@@ -118,7 +118,8 @@ int read_string(const char *buf, size_t *pos, size_t count, const char *key, cha
 {
     KD_ASSERT(*value==((void *)0));
     size_t p = *pos;
-    if (!skip_key(buf, &p, count, key) || p >= count)
+    // A key followed by white space has no value, like a key at the end.
+    if (!skip_key(buf, &p, count, key) || p >= count || is_space(buf[p]))
         return 0;
     size_t start = p;
     while (p < count && !is_space(buf[p]))
