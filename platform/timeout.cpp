@@ -33,8 +33,12 @@ bool g_round_open;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kNsPerSec = 1000000000;
 
+int64_t (*g_clock)(void);
+
 int64_t now_ns()
 {
+    if (g_clock)
+        return g_clock();
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * kNsPerSec + ts.tv_nsec;
@@ -235,4 +239,14 @@ size_t timeout_count(void)
     for (timer_rec *t = g_head; t; t = t->next)
         n++;
     return n;
+}
+
+void timeout_set_clock(int64_t (*now_ns)(void))
+{
+    g_clock = now_ns;
+}
+
+void timeout_set_last_id(int id)
+{
+    g_last_id = id;
 }

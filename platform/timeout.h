@@ -37,3 +37,7 @@ void timeout_round_begin(void);
 int timeout_run_due_hook(void (*after_each)(void));
 // Number of timers, for tests and diagnostics.
 size_t timeout_count(void);
+// Test hooks: a replacement clock in nanoseconds (null: CLOCK_MONOTONIC), and
+// the identifier handed out last (the next one follows it).
+void timeout_set_clock(int64_t (*now_ns)(void));
+void timeout_set_last_id(int id);
