@@ -1,0 +1,68 @@
+// kd_xml: turns a downloaded feed document (RSS 0.9x/1.0/2.0 or Atom) into a
+// temporary kd_node holding its items, and reports the feed's title. Owns the
+// document preparation (byte-order mark, XML declaration from the HTTP
+// charset), the SAX callback that builds one kd_item per "item"/"entry", the
+// HTML-to-text stripping of titles and bodies, and publication-date parsing.
+#pragma once
+#include <cstdint>
+#include <mxml.h>
+
+#include "feed/kd_node.h"
+
+// State of one parse, handed to the SAX callback.
+struct kdx_parse_state {
+    const char *url; // feed URL as configured; base for site-relative attachment URLs
+    kd_node *feed;   // temporary node receiving the items
+    kd_item *last;   // tail of feed->children, null at the start
+    int32_t count;   // items appended
+    char *title;     // first plain-text channel/feed title (owned), or null
+};
+
+// Parses one downloaded document.
+//   status:       200 for a complete body, 2 (HTTPCLI_TRUNCATED) for a body cut
+//                 short; only 200 makes an XML error fatal, otherwise the items
+//                 completed before the error are kept.
+//   url:          feed URL, never changed.
+//   content_type: the Content-Type header value, or null (no charset); read only.
+//   body:         in/out. *body is the NUL-terminated response body, slab
+//                 memory owned by the caller. It is modified in place (byte-order
+//                 mark removed, declaration inserted) and may be moved by
+//                 kd_realloc; *body always holds the current buffer afterwards,
+//                 which the caller releases with kd_free, also when the result
+//                 is null.
+//   title:        out, may be null. Receives the feed title (caller releases it
+//                 with kd_free; null when none) after every parse, also after a
+//                 parse error; left untouched when memory ran out before parsing.
+// Result: the temporary node (only children is filled, nchildren stays 0),
+// released by the caller with kdn_free_feed; null on exhausted memory or on an
+// XML error in a complete (200) document.
+kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, char **body,
+                        char **title);
+
+// Mini-XML's error callback: logs "xml error: %s" (LOG_ERR, verbosity >= 1).
+void kdx_xml_error(const char *message);
+
+// SAX callback: retains every node so the tree stays whole; on the close of
+// "item"/"entry" builds and appends one kd_item, on the close of a channel or
+// feed "title" records the feed title. data is a kdx_parse_state.
+void kdx_new_node_from_rss(mxml_node_t *node, mxml_sax_event_t event, void *data);
+
+// Adds an attachment for every element `name` below `element` (having attribute
+// `attr`, equal to `value` when given), URL from attribute `urlattr`; image
+// types go to item->images, all else to item->enclosures, duplicates skipped.
+void kdx_add_attachments(kd_item *item, mxml_node_t *element, const char *name, const char *attr,
+                         const char *value, const char *urlattr);
+
+// Rewrites str in place into plain text: entities decoded to single ISO 8859-1
+// bytes, tags removed ("<br>" gives a newline), whitespace trimmed. Inline
+// images are added to item->images with their offset in the text (item may be
+// null: images are then not collected). str must not be null.
+void kdx_strip_html_tags(kd_item *item, char *str);
+
+// Reads the next number of one or two decimal digits after skipping non-digits;
+// -1 at the end of the text. Advances *cursor past the digits read.
+int kdx_read_number(const char **cursor);
+
+// Publication date in the RFC 822 form ("Tue, 10 Jun 2003 04:00:00 GMT") as
+// local time; the zone is ignored. -1 when the text cannot be read.
+int32_t kdx_parse_date(const char *text);

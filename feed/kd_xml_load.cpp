@@ -1,0 +1,122 @@
+// kd_xml load: prepares a downloaded body for Mini-XML (byte-order mark
+// removed, an XML declaration carrying the HTTP charset put in front when the
+// document has none) and runs the SAX loader that builds the items.
+#include <cstring>
+
+#include "feed/kd_xml.h"
+#include "platform/slab.h"
+#include "util/kd_log.h"
+
+namespace {
+
+constexpr char kDeclStart[] = "<?xml version=\"1.0";
+constexpr char kDeclEncoding[] = "\" encoding=\"";
+constexpr char kDeclEnd[] = "\" ?>";
+
+// The HTTP/1.1 separators, which end a charset value.
+bool is_separator(unsigned char c)
+{
+    return c != '\0' && strchr("()<>@,;:\\\"/[]?={}", c) != nullptr;
+}
+
+// Length of the charset value at v: its first character whatever it is, then
+// up to a control character, space, DEL, a byte of 128 or more, or a separator.
+size_t charset_length(const char *v)
+{
+    if (!*v)
+        return 0;
+    size_t n = 1;
+    for (auto c = static_cast<unsigned char>(v[n]); c > 32 && c < 127 && !is_separator(c);
+         c = static_cast<unsigned char>(v[n]))
+        n++;
+    return n;
+}
+
+// Builds the declaration for content_type (null counts as no charset).
+char *build_declaration(const char *content_type)
+{
+    const char *cs = content_type ? strstr(content_type, "charset=") : nullptr;
+    const char *value = cs ? cs + 8 : nullptr;
+    size_t vlen = value ? charset_length(value) : 0;
+    size_t len = sizeof(kDeclStart) - 1 + sizeof(kDeclEnd) - 1;
+    if (value)
+        len += sizeof(kDeclEncoding) - 1 + vlen;
+    auto *decl = static_cast<char *>(kd_malloc(len + 1));
+    if (!decl)
+        return nullptr;
+    char *p = stpcpy(decl, kDeclStart);
+    if (value) {
+        p = stpcpy(p, kDeclEncoding);
+        memcpy(p, value, vlen);
+        p += vlen;
+    }
+    strcpy(p, kDeclEnd);
+    return decl;
+}
+
+void remove_bom(char *body)
+{
+    if (strncmp(body, "\xEF\xBB\xBF", 3) == 0)
+        memmove(body, body + 3, strlen(body + 3) + 1);
+}
+
+// Puts the declaration in front of *body, enlarging it once; false without memory.
+bool insert_declaration(const char *content_type, char **body)
+{
+    char *decl = build_declaration(content_type);
+    if (!decl) {
+        KD_LOG(1, LOG_CRIT, "local memory exhausted (XML declaration)");
+        return false;
+    }
+    size_t dlen = strlen(decl);
+    size_t blen = strlen(*body);
+    auto *grown = static_cast<char *>(kd_realloc(*body, blen + dlen + 1));
+    if (!grown) {
+        KD_LOG(1, LOG_CRIT, "local memory exhausted (enlarging body)");
+        kd_free(decl);
+        return false;
+    }
+    memmove(grown + dlen, grown, blen + 1);
+    memcpy(grown, decl, dlen);
+    kd_free(decl);
+    *body = grown;
+    return true;
+}
+
+} // namespace
+
+void kdx_xml_error(const char *message)
+{
+    KD_LOG(1, LOG_ERR, "xml error: %s", message);
+}
+
+kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, char **body,
+                        char **title)
+{
+    mxmlSetErrorCallback(kdx_xml_error);
+    auto *feed = static_cast<kd_node *>(kd_calloc(1, sizeof(kd_node)));
+    if (!feed) {
+        KD_LOG(1, LOG_CRIT, "local memory exhausted (temporary feed node)");
+        return nullptr;
+    }
+    kdx_parse_state st = {url, feed, nullptr, 0, nullptr};
+    remove_bom(*body);
+    if (strncmp(*body, "<?xml", 5) != 0 && !insert_declaration(content_type, body)) {
+        kdn_free_feed(feed);
+        return nullptr;
+    }
+    mxml_node_t *tree = mxmlSAXLoadString(nullptr, *body, MXML_OPAQUE_CALLBACK,
+                                          kdx_new_node_from_rss, &st);
+    if (title)
+        *title = st.title;
+    else
+        kd_free(st.title);
+    if (tree) {
+        mxmlDelete(tree); // every needed text has been copied into the items
+    } else if (status == 200) {
+        kdn_free_feed(feed);
+        return nullptr;
+    }
+    KD_LOG(3, LOG_DEBUG, "[kddbg] found %d items in feed", st.count);
+    return feed;
+}
