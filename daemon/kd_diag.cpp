@@ -1,0 +1,172 @@
+#include "daemon/kd_diag.h"
+
+#include "client/kd_client.h"
+#include "config/kd_config.h"
+#include "daemon/kd_daemon.h"
+#include "feed/kd_node.h"
+#include "platform/kd_paths.h"
+#include "platform/slab.h"
+#include "util/kd_log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr size_t kLine = 256;
+
+// A line under construction, cut at kLine bytes like every line of the dump.
+struct kd_line {
+    char buf[kLine + 1] = "";
+    size_t len = 0;
+
+    void add(const char *fmt, ...) __attribute__((format(printf, 2, 3)))
+    {
+        if (len >= kLine)
+            return;
+        va_list ap;
+        va_start(ap, fmt);
+        int n = vsnprintf(buf + len, kLine + 1 - len, fmt, ap);
+        va_end(ap);
+        len = n < 0 ? len : std::min(kLine, len + static_cast<size_t>(n));
+    }
+};
+
+void indent_line(kd_line &line, int indent)
+{
+    int n = indent < 0 ? 0 : std::min(indent, static_cast<int>(kLine));
+    line.add("%*s", n, "");
+}
+
+long due_seconds(const kd_node *n)
+{
+    if (!n->timer)
+        return 0;
+    return static_cast<long>(n->poll) - (static_cast<long>(time(nullptr)) - n->lastpoll);
+}
+
+void dump_pool(FILE *f, const char *heading, mxml_node_t *root)
+{
+    fputs(heading, f);
+    mxml_node_t *pool = root ? mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND) : nullptr;
+    if (!pool)
+        return;
+    for (mxml_node_t *e = mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND); e;
+         e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_DESCEND)) {
+        if (!mxmlGetUserData(e))
+            continue;
+        const char *name = mxmlElementGetAttr(e, "name");
+        const char *url = mxmlElementGetAttr(e, "url");
+        fprintf(f, "[%s] %s", name ? name : "", url ? url : "");
+        kd_trace_userdata(2, e, f);
+    }
+}
+
+// The short file that support-data collection picks up; its close is what
+// `kelpd --create-supportdata` waits for.
+void write_dump_file()
+{
+    FILE *f = fopen(KD_DUMP_FILE, "w");
+    if (!f) {
+        syslog(LOG_ERR, "unable to open logfile: %s", strerror(errno));
+        return;
+    }
+    dump_pool(f, "RSS pool:\n", g_rssdomain);
+    dump_pool(f, "Podcast pool:\n", g_poddomain);
+    fclose(f);
+}
+
+void log_line(const kd_line &line)
+{
+    syslog(LOG_DEBUG, "%s", line.buf);
+}
+
+} // namespace
+
+void kd_trace_userdata(int indent, mxml_node_t *element, FILE *stream)
+{
+    KD_ASSERT(element!=((void *)0));
+    KD_ASSERT(mxmlGetType(element)==MXML_ELEMENT);
+    kd_line line;
+    kd_line pad;
+    indent_line(pad, indent);
+    const char *name = mxmlGetElement(element);
+    void *data = mxmlGetUserData(element);
+    if (!data || !name)
+        return;
+    if (strcmp(name, "entry") == 0) {
+        auto *n = static_cast<kd_node *>(data);
+        line.add("%s[#refs=%u #children=%u nextuid=%u poll=%ld lasterror=%d due=%ld]", pad.buf, n->nrefs,
+                 n->nchildren, n->nextuid, static_cast<long>(n->poll), n->lasterror, due_seconds(n));
+    } else if (strcmp(name, "profile") == 0) {
+        auto *p = static_cast<kd_profile *>(data);
+        line.add("%s[#conns=%u was_online=%u]", pad.buf, p->nconns, static_cast<unsigned>(p->was_online));
+    } else {
+        return;
+    }
+    if (stream)
+        fprintf(stream, "%s\n", line.buf);
+    else
+        log_line(line);
+}
+
+void kd_trace_xml(int indent, mxml_node_t *node)
+{
+    if (!node)
+        return;
+    kd_line line;
+    indent_line(line, indent);
+    mxml_type_t type = mxmlGetType(node);
+    if (type == MXML_ELEMENT) {
+        line.add("<%s", mxmlGetElement(node));
+        for (int i = 0; i < mxmlElementGetAttrCount(node); i++) {
+            const char *attr = nullptr;
+            const char *value = mxmlElementGetAttrByIndex(node, i, &attr);
+            line.add(" %s=\"%s\"", attr ? attr : "", value ? value : "");
+        }
+    } else if (type == MXML_OPAQUE) {
+        line.add(" %s", mxmlGetOpaque(node) ? mxmlGetOpaque(node) : "");
+    } else {
+        line.add(" [unhandled node - type = %d]", static_cast<int>(type));
+    }
+    mxml_node_t *child = mxmlGetFirstChild(node);
+    if (type == MXML_ELEMENT) {
+        // Only elements and their records appear; text lines are dropped.
+        line.add("%s", child ? ">" : " />");
+        log_line(line);
+        kd_trace_userdata(indent, node, nullptr);
+        if (!child)
+            return;
+    }
+    for (; child; child = mxmlGetNextSibling(child))
+        kd_trace_xml(indent + 1, child);
+    if (type != MXML_ELEMENT)
+        return;
+    kd_line close;
+    indent_line(close, indent);
+    close.add("</%s>", mxmlGetElement(node));
+    log_line(close);
+}
+
+void kd_status_dump(kd_client *clients)
+{
+    write_dump_file();
+    syslog(LOG_DEBUG, "SIGUSR2 usage courtesy of jov :)");
+    if (clients) {
+        syslog(LOG_DEBUG, "active connections:");
+        for (kd_client *c = clients; c; c = c->next)
+            kd_trace_client(c);
+    } else {
+        syslog(LOG_DEBUG, "no client connected");
+    }
+    syslog(LOG_DEBUG, "RSS-Feed structure:");
+    kd_trace_xml(1, g_rssdomain);
+    syslog(LOG_DEBUG, "Podcast structure:");
+    kd_trace_xml(1, g_poddomain);
+    slab_dump_for_debug(KD_PROGRAM_NAME);
+    g_dump = 0;
+}

@@ -1,0 +1,150 @@
+// The support-data client: finds the running daemon through its pid file,
+// makes sure the pid is really kelpd, asks it for a status dump with SIGUSR2
+// and waits until the dump file has been closed after writing.
+#include "daemon/kd_diag.h"
+
+#include "platform/kd_paths.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+namespace {
+
+enum class kd_wait { done, timed_out, fallback };
+
+// The leading number of the pid file, or -1 when there is none to read.
+int read_pid()
+{
+    char path[32];
+    snprintf(path, sizeof(path), "%s/%s", KD_RUN_DIR, KD_PID_FILE);
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        fprintf(stderr, "unable to open kelpd lockfile: %s\n", strerror(errno));
+        return -1;
+    }
+    char buf[8] = "";
+    ssize_t n = read(fd, buf, 7);
+    close(fd);
+    if (n <= 0) {
+        fprintf(stderr, "unable to read kelpd pid from lockfile\n");
+        return -1;
+    }
+    return atoi(buf);
+}
+
+// A pid file may outlive its daemon and the pid be reused: check the name.
+bool is_kelpd(int pid)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        fprintf(stderr, "unable to verify kelpd in '%s' - lockfile seems to be stale: %s\n", path, strerror(errno));
+        return false;
+    }
+    char buf[32] = "";
+    ssize_t n = read(fd, buf, 31);
+    close(fd);
+    const char *base = n > 0 ? strrchr(buf, '/') : nullptr;
+    base = base ? base + 1 : buf;
+    if (n <= 0 || strcmp(base, KD_PROGRAM_NAME) != 0) {
+        fprintf(stderr, "cmdline of pid %d is not 'kelpd' - lockfile seems to be stale\n", pid);
+        return false;
+    }
+    return true;
+}
+
+// The inotify descriptor watching the dump file, or -1 for the fallback wait.
+int prepare_watch(int &wd)
+{
+    int fd = inotify_init();
+    if (fd < 0) {
+        fprintf(stderr, "unable to initialize inotify instance: %s\n", strerror(errno));
+        return -1;
+    }
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        fprintf(stderr, "unable to set inotify instance to non-blocking : %s\n", strerror(errno));
+        close(fd);
+        return -1;
+    }
+    wd = inotify_add_watch(fd, KD_DUMP_FILE, IN_CLOSE_WRITE);
+    if (wd < 0) {
+        fprintf(stderr, "unable to add '%s' to inotify watch list: %s\n", KD_DUMP_FILE, strerror(errno));
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// One readable turn: true when this watch saw the file closed after writing.
+bool dump_closed(int fd, int wd)
+{
+    inotify_event ev;
+    ssize_t n = read(fd, &ev, sizeof(ev));
+    return n == static_cast<ssize_t>(sizeof(ev)) && ev.wd == wd && (ev.mask & IN_CLOSE_WRITE);
+}
+
+kd_wait wait_for_dump(int fd, int wd)
+{
+    if (fd < 0) {
+        sleep(3);
+        return kd_wait::fallback;
+    }
+    // Linux select() leaves the unused rest of the budget in the timeval.
+    timeval budget {3, 0};
+    while (budget.tv_sec > 0 || budget.tv_usec > 0) {
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd, &rd);
+        int r = select(fd + 1, &rd, nullptr, nullptr, &budget);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0) {
+            fprintf(stderr, "select failed, going to sleep now: %s\n", strerror(errno));
+            sleep(3);
+            return kd_wait::fallback;
+        }
+        if (r > 0 && dump_closed(fd, wd))
+            return kd_wait::done;
+    }
+    return kd_wait::timed_out;
+}
+
+} // namespace
+
+int create_supportdata(void)
+{
+    int pid = read_pid();
+    if (pid < 0 || !is_kelpd(pid))
+        return 1;
+    // The watch needs the file to exist before the daemon writes it.
+    int created = open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640);
+    if (created >= 0)
+        close(created);
+    int wd = -1;
+    int fd = prepare_watch(wd);
+    if (kill(pid, SIGUSR2) != 0) {
+        fprintf(stderr, "unable to send SIGUSR2 to %d: %s\n", pid, strerror(errno));
+        if (fd >= 0)
+            close(fd);
+        return 1;
+    }
+    kd_wait how = wait_for_dump(fd, wd);
+    if (fd >= 0)
+        close(fd);
+    if (how == kd_wait::done)
+        return 0;
+    if (how == kd_wait::timed_out)
+        fprintf(stderr, "warning: waiting for logfile timed out - data might be missing or outdated\n");
+    else
+        fprintf(stderr, "warning: nifty waiting for logfile failed - hopefully things still work out\n");
+    return 1;
+}
