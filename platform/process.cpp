@@ -18,6 +18,8 @@ namespace {
 
 char g_pgmname[64];
 int g_echo_fd = -1;
+
+#if !defined(__SANITIZE_ADDRESS__)
 constexpr int kMaxFrames = 48;
 alignas(16) char g_altstack[64 * 1024];
 
@@ -78,6 +80,7 @@ void crash_handler(int sig)
     // signal is delivered when the handler returns and ends the process.
     raise(sig);
 }
+#endif
 
 } // namespace
 
