@@ -62,6 +62,8 @@ void report_frames(int rfd)
 void crash_handler(int sig)
 {
     int saved = errno;
+    // Should the report itself hang (a crash inside syslog), end it anyway.
+    alarm(5);
     char head[48];
     int len = snprintf(head, sizeof(head), "crash: signal %d", sig);
     report_line(head, static_cast<size_t>(len));

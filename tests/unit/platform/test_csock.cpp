@@ -88,6 +88,31 @@ TEST_F(Csock, HangUpRunsReadThenError)
     EXPECT_EQ(g_log, (std::vector<std::string>{"a:read:0", "a:err"}));
 }
 
+TEST_F(Csock, HungUpHandleWithoutReadCallbackIsNotReportedForever)
+{
+    int sv[2];
+    pair(sv);
+    peer a{"a", 0, 0, nullptr};
+    add(sv[0], &a, nullptr, nullptr, err_cb);
+    close(sv[1]);
+    forget(sv[1]);
+    EXPECT_EQ(csock_select(), 1);
+    timeout_add(+[](void *, int) { logit("timer"); }, 0, nullptr);
+    EXPECT_EQ(csock_select(), 1);
+    EXPECT_EQ(g_log, (std::vector<std::string>{"a:err", "timer"}));
+    EXPECT_EQ(csock_fileno(a.handle), sv[0]); // still registered until its owner closes it
+    csock_close(a.handle, 0);
+    EXPECT_EQ(a.closes, 1);
+}
+
+TEST_F(Csock, CallsOnUnknownHandlesDoNothing)
+{
+    csock_want_write(12345, 1);
+    csock_close(12345, 0);
+    csock_fastclose(-1);
+    EXPECT_EQ(csock_count(), 0u);
+}
+
 void close_self(int h, void *ctx)
 {
     auto *p = static_cast<peer *>(ctx);
