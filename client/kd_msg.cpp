@@ -48,9 +48,19 @@ const char *cmd2str(uint32_t cmd)
     return cmd < kCmdCount ? kCmdWords[cmd] : "unknown\t";
 }
 
+// The same text as "%u", without printf's parsing: overviews format two
+// numbers per item.
 const char *uint2str(uint32_t value)
 {
-    snprintf(g_numbuf, sizeof(g_numbuf), "%u", value);
+    char digits[10];
+    int n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value);
+    for (int i = 0; i < n; i++)
+        g_numbuf[i] = digits[n - 1 - i];
+    g_numbuf[n] = '\0';
     return g_numbuf;
 }
 
