@@ -6,7 +6,9 @@ import shutil
 from test_http import httpget, result_code
 
 FEEDS = ["FeedReader__AtomTheVerge.xml", "FeedReader__Rss091FullSample.xml",
-         "FeedReader__AtomSpecialCharacters.xml", "FeedReader__Rss092FullSample.xml"]
+         "FeedReader__AtomAdobe.xml", "FeedReader__Rss092FullSample.xml",
+         "FeedReader__Rss20ISO88591Intranet30.xml"]
+BIG = "FeedReader__Rss20HubSpot.xml"  # larger than the response bound
 
 
 def corpus():
@@ -17,7 +19,7 @@ def corpus():
 def serve(ns, tmp_path, port=80):
     root = tmp_path / "www"
     os.makedirs(root / "dir")
-    for name in FEEDS:
+    for name in FEEDS + [BIG]:
         shutil.copy(os.path.join(corpus(), name), root / name)
     (root / "dir" / "index.html").write_bytes(b"<html>index</html>\n")
     (root / "blob.mp3").write_bytes(bytes(range(256)) * 300 + b"\0\r\n\n")
@@ -64,3 +66,12 @@ def test_missing_file_status_and_body(ns, tmp_path):
     rc, body, err = httpget(ns, url)
     assert (rc, result_code(err)) == (1, 404)
     assert body == curl(ns, url) and b"404" in body
+
+
+def test_feed_larger_than_bound_is_truncated(ns, tmp_path):
+    root = serve(ns, tmp_path)
+    rc, body, err = httpget(ns, "http://feeds.test/" + BIG)
+    assert (rc, result_code(err)) == (1, 2)
+    whole = (root / BIG).read_bytes()
+    assert len(whole) > 196608 and 196608 - 400 < len(body) < len(whole)
+    assert body == whole[:len(body)]
