@@ -63,12 +63,25 @@ struct kd_overview_desc {
     const char *domain;
 };
 
+// Parses the first request of `count` received bytes (not NUL-terminated,
+// count > 0) into a zero-filled record; a malformed request sets msg->error
+// (the domain copy stays owned by the record). Returns msg->error.
 int kd_msg_parse(kd_msg *msg, const char *buf, size_t count);
 // object: kd_profile* for login/accounts/status, kd_item* for body/enclosure/image.
+// The builders need *buf == null on entry. On success (1) *size is the block
+// length to send: the text, its NUL and zero padding. On failure (0) *buf may
+// still hold a partial buffer, which the caller frees with kd_free.
+// A status answer without error sets the profile's was_online; item texts
+// lose their tabs in place.
 int kd_msg_response(char **buf, uint32_t *size, const kd_msg *req, int api, const void *object);
 int kd_msg_request(char **buf, uint32_t *size, uint32_t cmd, int api, const kd_overview_desc *desc);
+// "9:KD_NOT_LOGGED_IN", "overview\t", "42": err2str and uint2str share one
+// static buffer, so use each result before the next call.
 const char *err2str(uint32_t err);
 const char *cmd2str(uint32_t cmd);
 const char *uint2str(uint32_t value);
+// Replaces each tab by a space in place; returns text (null stays null).
 char *tab2space(char *text);
+// Appends text (null appends nothing), doubling *capacity until two spare
+// bytes remain behind it; 0 when the buffer cannot grow (it is kept).
 int msg_append(char **buf, uint32_t *capacity, uint32_t *used, const char *text);
