@@ -104,13 +104,13 @@ bool send_request(const httpcli_ctx *ctx, int fd, const httpcli_buffer *req)
 
 // Reads until the peer closes, a wait ends empty-handed, or the size bound is
 // passed: HTTPCLI_TRUNCATED, HTTPCLI_NO_MEMORY or 0.
-int receive(const httpcli_ctx *ctx, int fd, httpcli_ctx *bctx, httpcli_buffer *resp)
+int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
 {
     char block[recv_block];
     for (;;) {
         ssize_t n = recv(fd, block, sizeof block, 0);
         if (n >= 0) {
-            buffadd(bctx, resp, block, static_cast<uint32_t>(n));
+            buffadd(ctx, resp, block, static_cast<uint32_t>(n));
             if (!resp->start && n > 0)
                 return HTTPCLI_NO_MEMORY;
             if (resp->len > HTTPCLI_MAX_RESPONSE)
@@ -129,7 +129,7 @@ int take_response(httpcli_ctx *ctx, int fd, httpcli_buffer *resp, http_result *r
     httpcli_buffer *own = nullptr; // the response is only parsed, then dropped
     if (!resp && !(resp = own = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)))))
         return HTTPCLI_NO_CONNECTION;
-    int rc = receive(ctx, fd, ctx, resp);
+    int rc = receive(ctx, fd, resp);
     int code = HTTPCLI_NO_CONNECTION;
     if (rc == HTTPCLI_NO_MEMORY) {
         code = rc;

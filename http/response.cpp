@@ -3,6 +3,7 @@
 // chunked decoding so that the caller's buffer ends up holding only the body.
 #include "http/httpcli.h"
 
+#include <algorithm>
 #include <cstring>
 #include <strings.h>
 
@@ -97,16 +98,14 @@ int read_headers(httpcli_ctx *ctx, httpcli_buffer *b, char **cur, http_result *r
     return 0;
 }
 
-size_t min3(size_t a, size_t b, size_t c) { return a < b ? (a < c ? a : c) : (b < c ? b : c); }
-
 // Moves the body towards `start` in steps no larger than the gap between
 // the read and the write position, so no step overlaps itself.
 char *compact_plain(char *w, char *r, char *end)
 {
     while (r < end) {
         size_t gap = static_cast<size_t>(r - w);
-        size_t step = gap ? min3(gap, static_cast<size_t>(end - r), SIZE_MAX)
-                          : static_cast<size_t>(end - r);
+        size_t left = static_cast<size_t>(end - r);
+        size_t step = gap && gap < left ? gap : left;
         if (gap)
             memcpy(w, r, step);
         w += step;
@@ -128,7 +127,7 @@ char *compact_chunked(httpcli_ctx *ctx, httpcli_buffer *b, char *w, char *r)
                 break;
             continue;
         }
-        size_t step = min3(static_cast<size_t>(r - w), remaining, static_cast<size_t>(end - r));
+        size_t step = std::min({static_cast<size_t>(r - w), size_t{remaining}, static_cast<size_t>(end - r)});
         memcpy(w, r, step);
         w += step;
         r += step;
