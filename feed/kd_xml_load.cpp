@@ -60,8 +60,32 @@ void remove_bom(char *body)
         memmove(body, body + 3, strlen(body + 3) + 1);
 }
 
+// Bytes 0xFE/0xFF (never part of UTF-8) make Mini-XML switch to UTF-16,
+// where it reads up to three bytes past the terminator; such bodies get that
+// many zero bytes behind the terminator so the reads stay inside the buffer.
+constexpr size_t kUtf16Pad = 4;
+
+size_t padding_for(const char *body)
+{
+    return strpbrk(body, "\xFE\xFF") ? kUtf16Pad : 0;
+}
+
+// Enlarges *body to room + pad bytes after the terminator of its blen bytes,
+// the pad zero-filled; false without memory (*body then unchanged).
+bool enlarge_body(char **body, size_t blen, size_t room, size_t pad)
+{
+    auto *grown = static_cast<char *>(kd_realloc(*body, blen + room + 1 + pad));
+    if (!grown) {
+        KD_LOG(1, LOG_CRIT, "local memory exhausted (enlarging body)");
+        return false;
+    }
+    memset(grown + blen + room + 1, 0, pad);
+    *body = grown;
+    return true;
+}
+
 // Puts the declaration in front of *body, enlarging it once; false without memory.
-bool insert_declaration(const char *content_type, char **body)
+bool insert_declaration(const char *content_type, char **body, size_t pad)
 {
     char *decl = build_declaration(content_type);
     if (!decl) {
@@ -70,17 +94,24 @@ bool insert_declaration(const char *content_type, char **body)
     }
     size_t dlen = strlen(decl);
     size_t blen = strlen(*body);
-    auto *grown = static_cast<char *>(kd_realloc(*body, blen + dlen + 1));
-    if (!grown) {
-        KD_LOG(1, LOG_CRIT, "local memory exhausted (enlarging body)");
+    if (!enlarge_body(body, blen, dlen, pad)) {
         kd_free(decl);
         return false;
     }
-    memmove(grown + dlen, grown, blen + 1);
-    memcpy(grown, decl, dlen);
+    memmove(*body + dlen, *body, blen + 1);
+    memcpy(*body, decl, dlen);
     kd_free(decl);
-    *body = grown;
     return true;
+}
+
+// Readies *body for the loader; false when memory ran out.
+bool prepare_body(const char *content_type, char **body)
+{
+    remove_bom(*body);
+    size_t pad = padding_for(*body);
+    if (strncmp(*body, "<?xml", 5) != 0)
+        return insert_declaration(content_type, body, pad);
+    return !pad || enlarge_body(body, strlen(*body), 0, pad);
 }
 
 } // namespace
@@ -100,8 +131,7 @@ kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, c
         return nullptr;
     }
     kdx_parse_state st = {url, feed, nullptr, 0, nullptr};
-    remove_bom(*body);
-    if (strncmp(*body, "<?xml", 5) != 0 && !insert_declaration(content_type, body)) {
+    if (!prepare_body(content_type, body)) {
         kdn_free_feed(feed);
         return nullptr;
     }
