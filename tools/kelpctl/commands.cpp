@@ -1,6 +1,7 @@
 // kelpctl's commands. Each opens its own connection, logs in where the
-// protocol needs it, and prints the answer for people; the table at the end
-// is where further commands join.
+// protocol needs it (login_session), and prints the answer for people; the
+// table at the end is where further commands (accounts, status, overview,
+// body, enclosure, image) join.
 #include "kelpctl.h"
 
 #include <cstdio>
@@ -18,18 +19,6 @@ std::string login_request(const options &opt)
 bool starts_with(const std::string &s, const std::string &prefix)
 {
     return s.compare(0, prefix.size(), prefix) == 0;
-}
-
-// Reads until the answer to a command (pushed messages may come first).
-int await_answer(const connection &c, const options &opt, const std::string &word, std::string *answer)
-{
-    for (;;) {
-        int st = receive(c, opt.timeout_s * 1000, answer);
-        if (st != 0 || interrupted())
-            return st ? st : kExitOk;
-        if (starts_with(*answer, "OK\t" + word + "\t") || starts_with(*answer, "ERROR\t" + word + "\t"))
-            return 0;
-    }
 }
 
 // The error field of an ERROR answer: "19:KD_NO_CONFIG".
@@ -79,19 +68,38 @@ std::string join_tabs(const std::vector<std::string> &words)
 
 } // namespace
 
+int await_answer(const connection &c, const options &opt, const std::string &word, std::string *answer)
+{
+    for (;;) {
+        int st = receive(c, opt.timeout_s * 1000, answer);
+        if (st != 0 || interrupted())
+            return st;
+        if (starts_with(*answer, "OK\t" + word + "\t") || starts_with(*answer, "ERROR\t" + word + "\t"))
+            return 0;
+    }
+}
+
+int login_session(const options &opt, connection *c, std::string *answer)
+{
+    int st = open_connection(c);
+    st = st ? st : send_text(*c, login_request(opt));
+    st = st ? st : await_answer(*c, opt, "login", answer);
+    if (st || interrupted())
+        return st;
+    if (starts_with(*answer, "ERROR\t"))
+        return fail(kExitRefused, "login refused: " + error_of(*answer));
+    return 0;
+}
+
 int cmd_login(const options &opt, const std::vector<std::string> &args)
 {
     if (!args.empty())
         return fail(kExitUsage, "login takes no arguments (use -d and -p before the command)");
     connection c;
     std::string answer;
-    int st = open_connection(&c);
-    st = st ? st : send_text(c, login_request(opt));
-    st = st ? st : await_answer(c, opt, "login", &answer);
+    int st = login_session(opt, &c, &answer);
     if (st || interrupted())
         return st;
-    if (starts_with(answer, "ERROR\t"))
-        return fail(kExitRefused, "login refused: " + error_of(answer));
     print_feeds(feeds_of(answer));
     return opt.follow ? follow_messages(c) : kExitOk;
 }

@@ -51,6 +51,13 @@ void catch_interrupts();
 // Keeps printing every message in visible form until interrupted.
 int follow_messages(const connection &c);
 
+// Reads messages until the answer ("OK" or "ERROR") to the command `word`;
+// pushed messages before it are passed over.
+int await_answer(const connection &c, const options &opt, const std::string &word, std::string *answer);
+// Connects and logs in for opt's domain, profile and API version; a refused
+// login is reported ("login refused: 19:KD_NO_CONFIG") and returns kExitRefused.
+int login_session(const options &opt, connection *c, std::string *answer);
+
 // The commands: run with the options and the words after the command name.
 struct command {
     const char *name;
