@@ -83,13 +83,15 @@ def test_peer_close_tears_the_connection_down(ns):
     ns.syslog.wait_for("client gone")
     ns.syslog.wait_for("client connection closed")
     ns.syslog.wait_for(re.compile(r"^unlinking profile 1 from connection on sd \d+$"))
+    start_at = len(ns.syslog.texts())
     lines = connection_lines(ns, pid)
     assert len([t for t in lines if t.startswith("client connection on sd=")]) == 1
     assert profile_lines(lines) == ["  [rss] profile 2"]
-    # The profile lost its connection: the dump shows no one on profile 1.
-    rss = ns.syslog.texts()
-    prof = [i for i, t in enumerate(rss) if t.strip() == '<profile id="1">']
-    assert rss[prof[-1] + 1].strip() == "[#conns=0 was_online=0]"
+    # The profile lost its connection: the RSS tree of the dump shows no one on profile 1.
+    texts = ns.syslog.texts()[start_at:]
+    rss = texts[texts.index("RSS-Feed structure:"):texts.index("Podcast structure:")]
+    conns = {t.strip(): rss[i + 1].split()[0] for i, t in enumerate(rss) if t.strip().startswith("<profile ")}
+    assert conns == {'<profile id="1">': "[#conns=0", '<profile id="2">': "[#conns=1"}
     assert ns.alive(pid)
 
 
