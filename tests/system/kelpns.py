@@ -17,6 +17,7 @@ import select
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -169,6 +170,53 @@ def _matches(want, text):
     return want == text
 
 
+class ExitEvents:
+    """Exit codes of every process that ends, from the kernel's process
+    events connector (netlink): status even of processes reaped by others."""
+    NETLINK_CONNECTOR = 11
+    CN_IDX_PROC = 1
+    PROC_EVENT_EXIT = 0x80000000
+
+    def __init__(self):
+        self.codes = {}
+        self._sock = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, self.NETLINK_CONNECTOR)
+        self._sock.bind((0, self.CN_IDX_PROC))
+        self._control(1)
+        self._stop = False
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _control(self, op):
+        payload = struct.pack("I", op)
+        cn = struct.pack("IIIIHH", self.CN_IDX_PROC, 1, 0, 0, len(payload), 0) + payload
+        self._sock.send(struct.pack("IHHII", 16 + len(cn), 3, 0, 0, 0) + cn)
+
+    def _run(self):
+        while not self._stop:
+            r, _, _ = select.select([self._sock], [], [], 0.2)
+            if not r:
+                continue
+            try:
+                data = self._sock.recv(65536)
+            except OSError:
+                continue
+            # nlmsghdr (16), cn_msg (20), proc_event: what, cpu, timestamp (16)
+            if len(data) < 68 or struct.unpack_from("I", data, 36)[0] != self.PROC_EVENT_EXIT:
+                continue
+            pid, tgid, code = struct.unpack_from("III", data, 52)
+            if pid == tgid:
+                self.codes[pid] = code
+
+    def close(self):
+        self._stop = True
+        self._thread.join(5)
+        try:
+            self._control(2)
+        except OSError:
+            pass
+        self._sock.close()
+
+
 def set_subreaper():
     if _libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl(PR_SET_CHILD_SUBREAPER)")
@@ -224,6 +272,44 @@ class HttpServer:
         self.sock.close()
 
 
+class SilentPeer:
+    """A unix stream listener that accepts, reads and never answers: a configd
+    that has not replied yet, so a daemon keeps waiting for its documents."""
+
+    def __init__(self, path):
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.sock.bind(path)
+        self.sock.listen(8)
+        self.conns = []
+        self.received = b""
+        self._stop = False
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._stop:
+            r, _, _ = select.select([self.sock] + self.conns, [], [], 0.2)
+            for s in r:
+                if s is self.sock:
+                    self.conns.append(self.sock.accept()[0])
+                    continue
+                try:
+                    data = s.recv(65536)
+                except OSError:
+                    data = b""
+                self.received += data
+                if not data:
+                    self.conns.remove(s)
+                    s.close()
+
+    def close(self):
+        self._stop = True
+        self._thread.join(5)
+        for c in self.conns:
+            c.close()
+        self.sock.close()
+
+
 class Namespace:
     def __init__(self, bindir, sanitize=False):
         self.bindir = bindir
@@ -241,6 +327,7 @@ class Namespace:
         # Names outside the hosts file fail at once: nothing answers on port 53.
         with open(os.path.join(self.tmp, "resolv.conf"), "w") as f:
             f.write("nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
+        self.exit_events = ExitEvents()
         self.syslog = SyslogReader(os.path.join(self.tmp, "log.sock"))
         self.holder = subprocess.Popen(
             ["unshare", "--mount", "--net", "--propagation", "private", "--",
@@ -366,6 +453,12 @@ http {
         self._wait_until(lambda: os.path.exists(self.path("/var/rpc/configd")), 15, "configd socket", p)
         return p
 
+    def silent_configd(self):
+        """Listens on /var/rpc/configd but never answers (see SilentPeer)."""
+        peer = SilentPeer(self.path("/var/rpc/configd"))
+        self._servers.append(peer)
+        return peer
+
     def configctl(self, *args, input=None):
         return self.run([self.bin("configctl")] + list(args), input=input)
 
@@ -395,16 +488,21 @@ http {
         return int(m.group(1)) if m else None
 
     def _reap(self, pid):
+        """Exit status if the process has ended, else None. A daemon is our
+        child once its parent exited (subreaper); one that ended before that
+        was reaped by the kernel (kelpd ignores SIGCHLD before it forks), and
+        its status comes from the kernel's process exit events."""
         if pid in self._exits:
             return self._exits[pid]
         try:
             got, status = os.waitpid(pid, os.WNOHANG)
         except ChildProcessError:
-            return None
-        if got == 0:
-            return None
-        self._exits[pid] = os.waitstatus_to_exitcode(status)
-        return self._exits[pid]
+            got, status = 0, None
+        if got:
+            self._exits[pid] = os.waitstatus_to_exitcode(status)
+        elif pid in self.exit_events.codes:
+            self._exits[pid] = os.waitstatus_to_exitcode(self.exit_events.codes[pid])
+        return self._exits.get(pid)
 
     def wait_exit(self, pid, timeout=15):
         """Exit status of a daemon (negative: killed by that signal)."""
@@ -465,6 +563,7 @@ http {
             self.holder.wait()
         self._reap_strays()
         self.syslog.close()
+        self.exit_events.close()
 
     def _reap_strays(self):
         while True:
