@@ -103,6 +103,13 @@ TEST_F(Item, BodyFromDescriptionIsStripped)
     EXPECT_STREQ(i->body, "Hi\nthere");
 }
 
+TEST_F(Item, DoublyEncodedAmpersandInBodyEndsAsOne)
+{
+    kd_item *i = only("<item><title>t</title><description>Tom &amp;amp; Jerry &amp;nosuch;</description></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->body, "Tom & Jerry &nosuch;");
+}
+
 TEST_F(Item, BodyTakesSummaryThenContent)
 {
     kd_item *i = only("<item><title>t</title><content>c</content><summary>s</summary></item>");
