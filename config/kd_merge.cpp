@@ -36,9 +36,11 @@ const char *attr_or_empty(mxml_node_t *node, const char *name)
 // The first child of parent named name whose "id" equals id.
 mxml_node_t *child_with_id(mxml_node_t *parent, const char *name, const char *id)
 {
-    for (mxml_node_t *e = first_child(parent, name); e; e = next_sibling(e, parent, name))
-        if (strcmp(attr_or_empty(e, "id"), id) == 0)
+    for (mxml_node_t *e = first_child(parent, name); e; e = next_sibling(e, parent, name)) {
+        const char *eid = mxmlElementGetAttr(e, "id");
+        if (eid && strcmp(eid, id) == 0)
             return e;
+    }
     return nullptr;
 }
 

@@ -412,4 +412,18 @@ TEST_F(merge_test, ConfigurationIsEmptyOnlyWhenCompleteWithoutItems)
     EXPECT_EQ(kd_config_empty(), 0);
 }
 
+TEST_F(merge_test, EntriesWithoutAttributesAreMergedAndPolled)
+{
+    merge_rss(doc_with("<entry id=\"1\"/><entry url=\"http://feeds.test/x\"/>",
+                       profile("1", item("1") + item(""))));
+    EXPECT_TRUE(log_has("found item referencing non-existing entry ''"));
+    login("rss", 1);
+    kd_node *n = feed_of(g_rssdomain, "1");
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->poll, 1200);
+    EXPECT_TRUE(log_has("start 1200s poll on: "));
+    merge_rss(doc_with("<entry id=\"1\" url=\"http://feeds.test/new\" poll=\"x\"/>", profile("1", item("1"))));
+    EXPECT_TRUE(log_has("restart with new poll-time 30 on: http://feeds.test/new"));
+}
+
 } // namespace
