@@ -16,8 +16,9 @@ def kelpd_at(ns, path):
     """A link to the kelpd binary at `path` inside the namespace, so that the
     'v' characters of argv[0] are known (every 'v' in it raises verbosity)."""
     host = ns.path(path)
-    os.makedirs(os.path.dirname(host), exist_ok=True)
-    os.symlink(ns.bin("kelpd"), host)
+    if not os.path.islink(host):
+        os.makedirs(os.path.dirname(host), exist_ok=True)
+        os.symlink(ns.bin("kelpd"), host)
     return path
 
 

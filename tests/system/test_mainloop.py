@@ -1,0 +1,180 @@
+"""kelpd main loop: the signal flags (SIGHUP verbosity cycle, SIGUSR2 status
+dump, SIGTERM without clients) and the support-data client."""
+import os
+import re
+import signal
+import stat
+
+from kelpd_helpers import DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
+
+COURTESY = "SIGUSR2 usage courtesy of jov :)"
+
+
+def hangup(ns, pid, expect):
+    """One SIGHUP, served before the next is sent (the flag does not count)."""
+    before = ns.syslog.count(expect)
+    ns.signal(pid, signal.SIGHUP)
+    ns.syslog.wait_count(expect, before + 1)
+
+
+def test_five_hangups_from_zero_cycle_through_shut_up(ns):
+    ns.silent_configd()
+    pid = start(ns)
+    for want in ("verbosity set to: 1", "verbosity set to: 2", "verbosity set to: 3",
+                 "verbosity set to: 4", "verbosity set to: shut up :)"):
+        hangup(ns, pid, want)
+    sets = [t for t in lines(ns) if t.startswith("verbosity set to")]
+    assert sets == ["verbosity set to: 1", "verbosity set to: 2", "verbosity set to: 3",
+                    "verbosity set to: 4", "verbosity set to: shut up :)"]
+    # The handler logs only at verbosity 2 or more: the 3rd, 4th and 5th.
+    assert ns.syslog.count("received hangup signal") == 3
+    assert all(r.prio == 6 for r in ns.syslog.records("kelpd"))
+    hangup(ns, pid, "verbosity set to: 1")
+    assert ns.alive(pid)
+
+
+def test_unclamped_start_verbosity_wraps_at_first_hangup(ns):
+    ns.silent_configd()
+    pid = start(ns, "-vvvvvv")
+    hangup(ns, pid, "verbosity set to: 2")
+
+
+def test_vs_in_program_path_set_start_verbosity(ns):
+    # "/var/tmp/vv/kelpd" holds three 'v': verbosity 3, the next is 4.
+    ns.silent_configd()
+    pid = start(ns, prog=kelpd_at(ns, "/var/tmp/vv/kelpd"))
+    hangup(ns, pid, "verbosity set to: 4")
+
+
+def test_dump_without_configuration_holds_the_two_headings(ns):
+    ns.silent_configd()
+    pid = start(ns)
+    ns.signal(pid, signal.SIGUSR2)
+    ns.syslog.wait_for("Podcast structure:")
+    assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+    assert stat.S_IMODE(os.stat(ns.path(DUMP)).st_mode) == 0o640
+    texts = lines(ns)
+    i = texts.index(COURTESY)
+    assert texts[i:i + 4] == [COURTESY, "no client connected", "RSS-Feed structure:", "Podcast structure:"]
+    assert ns.syslog.wait_for(COURTESY).prio == 7
+    # The handler's own line is gated by verbosity 2; the dump is not.
+    assert not has(ns, "received user2 signal")
+
+
+def test_dump_twice_truncates_the_file(ns):
+    ns.silent_configd()
+    with open(ns.path(DUMP), "w") as f:
+        f.write("x" * 1000)
+    pid = start(ns, "-vv")
+    for n in (1, 2):
+        ns.signal(pid, signal.SIGUSR2)
+        ns.syslog.wait_count("Podcast structure:", n)
+        assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+    assert ns.syslog.count("received user2 signal") == 2
+
+
+def test_dump_file_that_cannot_be_opened(ns):
+    os.mkdir(ns.path(DUMP))
+    ns.silent_configd()
+    pid = start(ns)
+    ns.signal(pid, signal.SIGUSR2)
+    rec = ns.syslog.wait_for("unable to open logfile: Is a directory")
+    assert rec.prio == 3
+    ns.syslog.wait_for(COURTESY)
+    ns.syslog.wait_for("Podcast structure:")
+    assert ns.alive(pid)
+
+
+def test_dump_lists_subscribed_entries_and_the_trees(ns):
+    start_with_config(ns)
+    pid = start(ns, "-vvv")
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    ns.signal(pid, signal.SIGUSR2)
+    ns.syslog.wait_for(re.compile("^slab statistics"))
+    text = read(ns, DUMP)
+    rss, pod = text.split("Podcast pool:\n")
+    assert rss.startswith("RSS pool:\n")
+    # Only the subscribed entry has a feed record.
+    for part in (rss[len("RSS pool:\n"):], pod):
+        assert re.fullmatch(r"\[A\] http://feeds\.test/a\.xml  \[#refs=1 #children=0 nextuid=\d+ "
+                            r"poll=\d+ lasterror=-?\d+ due=0\]\n", part), text
+    texts = lines(ns)
+    assert ' <entry id="1" url="http://feeds.test/a.xml" name="A" poll="600" />' in texts
+    assert "  [#conns=0 was_online=0]" in texts or any(re.fullmatch(r" +\[#conns=0 was_online=0\]", t)
+                                                         for t in texts)
+
+
+def test_sigterm_without_clients_ends_with_zero(ns):
+    ns.silent_configd()
+    pid = start(ns, "-vv")
+    ns.signal(pid, signal.SIGTERM)
+    assert ns.wait_exit(pid) == 0
+    ns.syslog.wait_for("shutting down with exit code 0")
+    assert has(ns, "received terminate signal")
+    assert not has(ns, "configuration is empty")
+    assert not has(ns, "last client disconnected")
+    assert not os.path.exists(ns.path(PIDFILE))
+
+
+def test_sigterm_with_running_configd(ns):
+    start_with_config(ns)
+    pid = start(ns, "-vv")
+    ns.signal(pid, signal.SIGTERM)
+    assert ns.wait_exit(pid) == 0
+    ns.syslog.wait_for("shutting down with exit code 0")
+    assert not has(ns, "configuration is empty")
+
+
+def test_create_supportdata_waits_for_the_dump(ns):
+    ns.silent_configd()
+    pid = start(ns)
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert (cp.returncode, cp.stdout, cp.stderr) == (0, "", "")
+    assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+    assert ns.syslog.count(COURTESY) == 1
+    assert ns.alive(pid)
+
+
+def test_create_supportdata_refuses_another_program(ns):
+    other = ns.spawn(["sleep", "1000"])
+    with open(ns.path(PIDFILE), "w") as f:
+        f.write("%d\n" % other.pid)
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert cp.returncode == 1
+    assert cp.stderr == "cmdline of pid %d is not 'kelpd' - lockfile seems to be stale\n" % other.pid
+    # No SIGUSR2 was sent: its default action would have ended sleep.
+    assert other.poll() is None
+
+
+def test_create_supportdata_with_stale_pid(ns):
+    pid = 4000000
+    while os.path.exists("/proc/%d" % pid):
+        pid += 1
+    with open(ns.path(PIDFILE), "w") as f:
+        f.write("%d\n" % pid)
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert cp.returncode == 1
+    assert cp.stderr == ("unable to verify kelpd in '/proc/%d/cmdline' - lockfile seems to be stale: "
+                         "No such file or directory\n" % pid)
+
+
+def test_create_supportdata_with_empty_pid_file(ns):
+    open(ns.path(PIDFILE), "w").close()
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert (cp.returncode, cp.stderr) == (1, "unable to read kelpd pid from lockfile\n")
+
+
+def test_create_supportdata_times_out_on_a_stopped_daemon(ns):
+    ns.silent_configd()
+    pid = start(ns)
+    ns.signal(pid, signal.SIGSTOP)
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert cp.returncode == 1
+    assert cp.stderr == "warning: waiting for logfile timed out - data might be missing or outdated\n"
+    # The file exists (created for the watch) but holds no dump yet.
+    assert read(ns, DUMP) == ""
+    ns.signal(pid, signal.SIGCONT)
+    ns.syslog.wait_for(COURTESY)
+    ns.syslog.wait_for("Podcast structure:")
+    assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
