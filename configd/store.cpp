@@ -1,5 +1,6 @@
 // store: domain files of configd and document checks.
 #include "configd/store.h"
+#include "platform/rpc_wire.h"
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -44,11 +45,11 @@ static void keep_error(const char *msg)
 
 mxml_node_t *cfg_parse(const char *text, std::string *why)
 {
-    g_lasterror = "no XML element found";
+    g_lasterror.clear();
     mxmlSetErrorCallback(keep_error);
-    mxml_node_t *root = mxmlLoadString(nullptr, text, MXML_OPAQUE_CALLBACK);
+    mxml_node_t *root = rpcw_parse_xml(text);
     if (!root)
-        *why = "not well-formed XML: " + g_lasterror;
+        *why = "not well-formed XML: " + (g_lasterror.empty() ? "element left open" : g_lasterror);
     return root;
 }
 

@@ -202,12 +202,35 @@ static char *read_text(reader *r)
     return s;
 }
 
+// Keeps every node (a whole tree) and counts element opens against closes,
+// since Mini-XML accepts elements left open at the end of the text.
+static void sax_keep(mxml_node_t *node, mxml_sax_event_t event, void *data)
+{
+    if (event == MXML_SAX_ELEMENT_OPEN)
+        ++*static_cast<long *>(data);
+    if (event == MXML_SAX_ELEMENT_CLOSE)
+        --*static_cast<long *>(data);
+    else
+        mxmlRetain(node);
+}
+
+mxml_node_t *rpcw_parse_xml(const char *text)
+{
+    long open = 0;
+    mxml_node_t *x = mxmlSAXLoadString(nullptr, text, mxml_opaque_cb, sax_keep, &open);
+    if (x && open != 0) {
+        mxmlDelete(x);
+        x = nullptr;
+    }
+    return x;
+}
+
 static mxml_node_t *read_xml(reader *r)
 {
     char *text = read_text(r);
     if (!text)
         return nullptr;
-    mxml_node_t *x = mxmlLoadString(nullptr, text, MXML_OPAQUE_CALLBACK);
+    mxml_node_t *x = rpcw_parse_xml(text);
     kd_free(text);
     if (!x)
         r->badxml = true;

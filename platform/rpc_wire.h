@@ -54,5 +54,9 @@ int rpcw_decode(const uint8_t *payload, uint32_t len, const rpc_msgdesc *table, 
 // The message format that a frame kind carries for a table row.
 const char *rpcw_format(const rpc_msgdesc *d, uint8_t kind);
 
+// Parses XML text into a whole tree (opaque text nodes); null when it is not
+// well-formed, elements left open at the end included.
+mxml_node_t *rpcw_parse_xml(const char *text);
+
 // Frees what a decoded message still holds and zeroes it.
 void rpcw_msg_clear(rpc_msg *m);
