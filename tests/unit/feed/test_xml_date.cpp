@@ -6,7 +6,11 @@ namespace {
 
 class Date : public ::testing::Test {
 protected:
-    void SetUp() override { tzset(); }
+    void SetUp() override
+    {
+        setenv("TZ", "UTC", 1); // dates are read as local time; CTest sets the same
+        tzset();
+    }
 };
 
 TEST_F(Date, ReadNumberSkipsNonDigitsAndReadsAtMostTwo)
@@ -106,17 +110,14 @@ TEST_F(Date, DateBeyond32BitsFails)
 
 TEST_F(Date, LocalTimeFollowsTimeZone)
 {
-    const char *old = getenv("TZ");
-    std::string saved = old ? old : "";
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     tzset();
-    int32_t t = kdx_parse_date("Tue, 10 Jun 2003 04:00:00 GMT");
-    if (old)
-        setenv("TZ", saved.c_str(), 1);
-    else
-        unsetenv("TZ");
+    int32_t summer = kdx_parse_date("Tue, 10 Jun 2003 04:00:00 GMT");
+    int32_t winter = kdx_parse_date("Fri, 10 Jan 2003 04:00:00 GMT");
+    setenv("TZ", "UTC", 1);
     tzset();
-    EXPECT_EQ(t, 1055217600 - 2 * 3600); // summer time, UTC+2
+    EXPECT_EQ(summer, 1055217600 - 2 * 3600); // daylight saving decided by the system: UTC+2
+    EXPECT_EQ(winter, 1042171200 - 1 * 3600); // UTC+1
 }
 
 } // namespace

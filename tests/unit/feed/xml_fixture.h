@@ -3,6 +3,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -69,6 +70,7 @@ class XmlTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        setenv("TZ", "UTC", 1); // dates are read as local time; CTest sets the same
         tzset();
         base_ = slab_live_count();
     }
