@@ -175,7 +175,7 @@ void kd_save_config(mxml_node_t *root)
     if (verbosity >= 4) {
         char *text = mxmlSaveAllocString(root, MXML_NO_CALLBACK);
         if (text)
-            syslog(LOG_DEBUG, "%s", text);
+            KD_LOG(4, LOG_DEBUG, "%s", text);
         free(text);
     }
     rpc_send_req(g_configconn, KD_CONFIGD_SAVE_CONFIG, 0, name, root);

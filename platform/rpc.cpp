@@ -36,6 +36,8 @@ static rpc_ifaceinfo *g_listeniface;
 static const rpc_callback *g_listencbs;
 
 static constexpr size_t READ_CHUNK = 64 * 1024;
+// A peer that stops reading must not make us queue without end.
+static constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
 
 static rpc_conn **list_of(rpc_conn *c)
 {
@@ -279,7 +281,7 @@ rpc_conn *rpc_adopt_fd(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, in
 
 static int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_list ap)
 {
-    if (!c || c->closing || c->failed)
+    if (!c || c->closing || c->failed || c->out.len - c->out.off > MAX_QUEUED)
         return -1;
     const rpc_msgdesc *d = rpcw_find(c->iface->params, id);
     if (!d)
