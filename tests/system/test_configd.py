@@ -266,3 +266,15 @@ def test_state_file_never_torn_by_kill_during_saves(ns):
     # A restart ignores leftovers of an interrupted save.
     ns.start_configd()
     assert ns.configctl("get", "rss").stdout in docs
+
+
+def test_unreadable_stored_document_is_reported_not_served(ns):
+    ns.start_configd()
+    with open(ns.path("/var/lib/configd/rss.xml"), "w") as f:
+        f.write("<pool><entry")
+    line = one_line_error(ns.configctl("get", "rss"))
+    assert "stored document is unreadable" in line
+    ns.syslog.wait_for(re.compile("domain 'rss': stored document is unreadable"), ident="configd")
+    # A valid save repairs it.
+    assert set_doc(ns, "rss", DOC).returncode == 0
+    assert ns.configctl("get", "rss").stdout == DOC
