@@ -72,7 +72,7 @@ start_configd() {
             cp "$SRC/examples/$domain.xml" "/proc/$HOLDER/root/var/lib/configd/$domain.xml"
         fi
     done
-    inside "$BIN/configd" &
+    nsenter --target "$HOLDER" --mount --net -- "$BIN/configd" &
     CONFIGD=$!
     while [ ! -S "/proc/$HOLDER/root/var/rpc/configd" ]; do
         kill -0 "$CONFIGD" 2>/dev/null || { say "configd did not start"; return; }
