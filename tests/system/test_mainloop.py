@@ -5,7 +5,8 @@ import re
 import signal
 import stat
 
-from kelpd_helpers import DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
+import configd_wire
+from kelpd_helpers import DOC, DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
 
 COURTESY = "SIGUSR2 usage courtesy of jov :)"
 
@@ -86,12 +87,15 @@ def test_dump_file_that_cannot_be_opened(ns):
 
 
 def test_dump_lists_subscribed_entries_and_the_trees(ns):
-    start_with_config(ns)
-    pid = start(ns, "-vvv")
-    ns.syslog.wait_for("incoming config data (handle=1)")
-    ns.syslog.wait_for("incoming config data (handle=2)")
-    ns.signal(pid, signal.SIGUSR2)
-    ns.syslog.wait_for(re.compile("^slab statistics"))
+    fake = configd_wire.FakeConfigd(ns, {"rss": DOC, "podcast": DOC})
+    try:
+        pid = start(ns, "-vvv")
+        ns.syslog.wait_for("incoming config data (handle=1)")
+        ns.syslog.wait_for("incoming config data (handle=2)")
+        ns.signal(pid, signal.SIGUSR2)
+        ns.syslog.wait_for(re.compile("^slab statistics"))
+    finally:
+        fake.close()
     text = read(ns, DUMP)
     rss, pod = text.split("Podcast pool:\n")
     assert rss.startswith("RSS pool:\n")
@@ -100,9 +104,18 @@ def test_dump_lists_subscribed_entries_and_the_trees(ns):
         assert re.fullmatch(r"\[A\] http://feeds\.test/a\.xml  \[#refs=1 #children=0 nextuid=\d+ "
                             r"poll=\d+ lasterror=-?\d+ due=0\]\n", part), text
     texts = lines(ns)
-    assert ' <entry id="1" url="http://feeds.test/a.xml" name="A" poll="600" />' in texts
-    assert "  [#conns=0 was_online=0]" in texts or any(re.fullmatch(r" +\[#conns=0 was_online=0\]", t)
-                                                         for t in texts)
+    tree = texts[texts.index("RSS-Feed structure:") + 1:texts.index("Podcast structure:")]
+    # The declaration node is the root: the pool is one level below it.
+    assert tree[0] == ' <?xml version="1.0"?>'
+    assert '   <entry id="1" url="http://feeds.test/a.xml" name="A" poll="600" />' in tree, tree
+    assert '   <entry id="2" url="http://feeds.test/b.xml" name="B" poll="600" />' in tree
+    assert "  </pool>" in tree and "  </profiles>" in tree and tree[-1] == " </?xml version=\"1.0\"?>"
+    i = tree.index('   <entry id="1" url="http://feeds.test/a.xml" name="A" poll="600" />')
+    assert re.fullmatch(r"   \[#refs=1 #children=0 nextuid=\d+ poll=\d+ lasterror=-?\d+ due=0\]", tree[i + 1])
+    i = tree.index('   <profile id="1">')
+    assert tree[i + 1] == "   [#conns=0 was_online=0]"
+    assert tree[i + 2] == '    <item entry="1" />'
+    assert tree[i + 3] == "   </profile>"
 
 
 def test_sigterm_without_clients_ends_with_zero(ns):
