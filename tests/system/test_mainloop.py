@@ -132,7 +132,12 @@ def test_sigterm_without_clients_ends_with_zero(ns):
 
 def test_sigterm_with_running_configd(ns):
     start_with_config(ns)
-    pid = start(ns, "-vv")
+    pid = start(ns, "-vvv")
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    # A configuration with a subscription keeps the daemon waiting for clients.
+    hangup(ns, pid, "verbosity set to: 4")
+    assert ns.alive(pid)
     ns.signal(pid, signal.SIGTERM)
     assert ns.wait_exit(pid) == 0
     ns.syslog.wait_for("shutting down with exit code 0")
@@ -145,6 +150,8 @@ def test_create_supportdata_waits_for_the_dump(ns):
     cp = ns.run([kelpd(ns), "--create-supportdata"])
     assert (cp.returncode, cp.stdout, cp.stderr) == (0, "", "")
     assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+    # The file is closed before the syslog part of the dump is written.
+    ns.syslog.wait_for("Podcast structure:")
     assert ns.syslog.count(COURTESY) == 1
     assert ns.alive(pid)
 

@@ -7,7 +7,7 @@ import signal
 import socket
 import stat
 
-from kelpd_helpers import CTL, PIDFILE, has, kelpd, kelpd_at, lines, open_fds, read, start
+from kelpd_helpers import CTL, PIDFILE, has, kelpd, kelpd_at, lines, open_fds, read, start, start_with_config
 
 LOCK_MSG = ("unable to lock lockfile kelpd.pid in /var/run "
             "(Is there another kelpd instance still active?)- terminating")
@@ -215,3 +215,18 @@ def test_lock_survives_heavy_logging(ns):
     ns.syslog.wait_for(LOCK_MSG)
     assert ns.alive(pid)
     assert read(ns, PIDFILE) == "%d\n" % pid
+
+
+def test_second_instance_beside_a_configured_daemon(ns):
+    start_with_config(ns)
+    first = start(ns, "-vvv")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    cp, second = ns.start_kelpd("-v", prog="/run/k/kelpd")
+    assert (cp.returncode, cp.stdout) == (0, "kelpd started with pid [%d]\n" % second)
+    assert ns.wait_exit(second) == 255
+    ns.syslog.wait_for(LOCK_MSG)
+    assert ns.alive(first)
+    assert read(ns, PIDFILE) == "%d\n" % first
+    ns.signal(first, signal.SIGTERM)
+    assert ns.wait_exit(first) == 0
+    assert not os.path.exists(ns.path(PIDFILE))
