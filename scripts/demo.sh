@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job, shown on one machine without touching it: kelpd runs in a
 # private mount and network namespace (its fixed paths /var/run, /var/tmp,
-# /var/rpc and /dev/log are private there), with configd when it was built,
-# and its syslog lines and exit status are printed.
+# /var/rpc and /dev/log are private there) with configd holding examples/,
+# a local nginx serving the example feeds as http://feeds.test/, and kelpctl
+# as the client; then its syslog lines and exit status are printed.
 #
 # Usage: scripts/demo.sh <builddir>     (as root; `make demo` calls it)
 set -euo pipefail
@@ -17,6 +18,7 @@ say() { printf '\n== %s\n' "$*"; }
 
 cleanup() {
     [ -n "${CONFIGD:-}" ] && kill "$CONFIGD" 2>/dev/null || true
+    [ -n "${NGINX:-}" ] && kill "$NGINX" 2>/dev/null || true
     [ -n "${HOLDER:-}" ] && kill "$HOLDER" 2>/dev/null || true
     [ -n "${LOGGER:-}" ] && kill "$LOGGER" 2>/dev/null || true
     wait 2>/dev/null || true
@@ -39,6 +41,7 @@ EOF
 # --- the namespace: private /run, /var and /dev/log, loopback only --------
 start_namespace() {
     printf '127.0.0.1\tlocalhost feeds.test\n' > "$WORK/hosts"
+    printf 'nameserver 127.0.0.1\noptions timeout:1 attempts:1\n' > "$WORK/resolv.conf"
     mkfifo "$WORK/ready"
     unshare --mount --net --propagation private -- /bin/sh -c '
         set -e
@@ -54,6 +57,7 @@ start_namespace() {
         : > "$T/dev/log"; mount --bind "$T/log.sock" "$T/dev/log"
         mount --move "$T/dev" /dev
         mount --bind "$T/hosts" /etc/hosts
+        if [ -e /etc/resolv.conf ]; then mount --bind "$T/resolv.conf" /etc/resolv.conf; fi
         ip link set lo up
         ip route add default dev lo
         echo ready > "$T/ready"
@@ -81,6 +85,63 @@ start_configd() {
     say "configd running (pid $CONFIGD)"
 }
 
+# --- a local feed server: feeds.test on the loopback -----------------------
+write_feeds() {
+    local www=$WORK/www
+    mkdir -p "$www"
+    rss_feed "Gateway news" "Firmware 7.58 released" "New firmware for your gateway." \
+             "Maintenance tonight" "Short outage between 2 and 3 am." > "$www/news.xml"
+    rss_feed "Local weather" "Sunny" "Clear skies, 24 degrees." > "$www/weather.xml"
+    cat > "$www/blog.atom" <<'EOF2'
+<?xml version="1.0" encoding="utf-8"?>
+<feed xmlns="http://www.w3.org/2005/Atom"><title>Developer blog</title>
+<entry><title>Why one thread is enough</title><id>urn:blog:1</id><updated>2026-11-20T10:00:00Z</updated>
+<content type="html">&lt;p&gt;Everything runs in callbacks of one event loop.&lt;/p&gt;</content></entry>
+</feed>
+EOF2
+    rss_feed "Weekly radio show" "Episode 12" "Music and talk." > "$www/radio-show.xml"
+    rss_feed "Tech talk" "Episode 3" "Feeds on small devices." > "$www/tech-talk.xml"
+}
+
+# rss_feed TITLE [ITEM_TITLE ITEM_BODY]...
+rss_feed() {
+    printf '<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><title>%s</title>\n' "$1"
+    shift
+    local n=0
+    while [ $# -ge 2 ]; do
+        n=$((n + 1))
+        printf '<item><title>%s</title><guid>item-%d</guid><description>%s</description></item>\n' "$1" "$n" "$2"
+        shift 2
+    done
+    printf '</channel></rss>\n'
+}
+
+start_nginx() {
+    command -v nginx > /dev/null || { say "nginx not installed: polls will fail"; return; }
+    write_feeds
+    mkdir -p "$WORK/nginx/tmp"
+    chmod 755 "$WORK"
+    cat > "$WORK/nginx/nginx.conf" <<EOF2
+user root;
+worker_processes 1;
+pid $WORK/nginx/nginx.pid;
+error_log $WORK/nginx/error.log;
+events { worker_connections 64; }
+http {
+  access_log $WORK/nginx/access.log;
+  client_body_temp_path $WORK/nginx/tmp/body; proxy_temp_path $WORK/nginx/tmp/proxy;
+  fastcgi_temp_path $WORK/nginx/tmp/fastcgi; uwsgi_temp_path $WORK/nginx/tmp/uwsgi;
+  scgi_temp_path $WORK/nginx/tmp/scgi;
+  types { application/rss+xml xml; application/atom+xml atom; }
+  server { listen 127.0.0.1:80; root $WORK/www; }
+}
+EOF2
+    nsenter --target "$HOLDER" --mount --net -- nginx -p "$WORK/nginx" -c "$WORK/nginx/nginx.conf" \
+        -e "$WORK/nginx/error.log" -g 'daemon off;' &
+    NGINX=$!
+    say "nginx serving http://feeds.test/ from $WORK/www"
+}
+
 # --- kelpd ---------------------------------------------------------------
 run_kelpd() {
     say "starting: kelpd -vv"
@@ -88,6 +149,24 @@ run_kelpd() {
     out=$(inside "$BIN/kelpd" -vv)
     echo "$out"
     DAEMON=$(echo "$out" | sed -n 's/^kelpd started with pid \[\([0-9]*\)\]$/\1/p')
+}
+
+# A client logs in to profile 1 of each domain and follows the pushed
+# overviews for a few seconds; when it leaves, the daemon ends by itself.
+run_client() {
+    [ -x "$BIN/kelpctl" ] || { say "kelpctl not built"; return; }
+    [ -n "${CONFIGD:-}" ] || return
+    for _ in $(seq 1 50); do
+        [ -S "/proc/$HOLDER/root/var/tmp/me_kelpd_daemon.ctl" ] && break
+        sleep 0.1
+    done
+    say "kelpctl -f login (rss, profile 1): the feeds, then what the daemon pushes, for 6 seconds"
+    inside timeout -s INT 6 "$BIN/kelpctl" -f login &
+    local follow=$!
+    sleep 2
+    say "meanwhile kelpctl -d podcast login (podcast, profile 1)"
+    inside "$BIN/kelpctl" -d podcast login || true
+    wait "$follow" || true
 }
 
 # Waits for the daemon to end (it ends by itself when there is nothing to
@@ -98,7 +177,7 @@ wait_kelpd() {
         sleep 0.1
     done
     if [ -n "$DAEMON" ] && kill -0 "$DAEMON" 2>/dev/null; then
-        say "kelpd still running: SIGUSR2 (status dump), then SIGTERM"
+        say "kelpd still running: status dump (kelpd --create-supportdata), then SIGTERM"
         inside "$BIN/kelpd" --create-supportdata && inside cat /var/tmp/kelpd.log
         kill -TERM "$DAEMON"
         while kill -0 "$DAEMON" 2>/dev/null; do sleep 0.05; done
@@ -108,7 +187,7 @@ wait_kelpd() {
 show_log() {
     sleep 0.2
     say "syslog"
-    cat "$WORK/syslog.txt"
+    sed 's/^<[0-9]*>//' "$WORK/syslog.txt"
     local code
     code=$(grep -o 'shutting down with exit code -\?[0-9]*' "$WORK/syslog.txt" | tail -n1 | awk '{print $NF}')
     say "kelpd exit code: ${code:-unknown}"
@@ -116,7 +195,9 @@ show_log() {
 
 start_syslog
 start_namespace
+start_nginx
 start_configd
 run_kelpd
+run_client
 wait_kelpd
 show_log
