@@ -198,3 +198,15 @@ def test_create_supportdata_times_out_on_a_stopped_daemon(ns):
     ns.syslog.wait_for(COURTESY)
     ns.syslog.wait_for("Podcast structure:")
     assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+
+
+def test_create_supportdata_reads_only_31_bytes_of_the_command_line(ns):
+    # The daemon's path is cut inside its last component: not recognised.
+    ns.silent_configd()
+    prog = kelpd_at(ns, "/run/" + "k" * 24 + "/kelpd")
+    pid = start(ns, prog=prog)
+    cp = ns.run([kelpd(ns), "--create-supportdata"])
+    assert cp.returncode == 1
+    assert cp.stderr == "cmdline of pid %d is not 'kelpd' - lockfile seems to be stale\n" % pid
+    assert ns.alive(pid)
+    assert not os.path.exists(ns.path(DUMP))

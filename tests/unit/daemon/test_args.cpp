@@ -37,3 +37,23 @@ TEST(Args, SupportDataStopsTheScan)
     EXPECT_EQ(scan({"kelpd", "--create-supportdata=x"}, &support), 0u);
     EXPECT_EQ(support, 0);
 }
+
+TEST(SignalHandler, SetsTheFlagOfEachServedSignal)
+{
+    verbosity = 0;
+    g_hangup = 0;
+    g_terminate = 0;
+    g_dump = 0;
+    signal_handler(SIGUSR1);
+    EXPECT_EQ(g_hangup + g_terminate + g_dump, 0);
+    signal_handler(SIGHUP);
+    EXPECT_EQ(g_hangup, SIGHUP);
+    signal_handler(SIGUSR2);
+    EXPECT_EQ(g_dump, 1);
+    EXPECT_EQ(g_terminate, 0);
+    signal_handler(SIGTERM);
+    EXPECT_EQ(g_terminate, 1);
+    g_hangup = 0;
+    g_terminate = 0;
+    g_dump = 0;
+}
