@@ -13,16 +13,14 @@ parent is reparented here, so its real exit status can be collected.
 import ctypes
 import os
 import re
-import select
 import shutil
 import signal
 import socket
-import struct
 import subprocess
 import tempfile
-import threading
 import time
-from collections import namedtuple
+from kelpns_io import (ExitEvents, HttpServer, Record, SilentPeer, SyslogReader,  # noqa: F401
+                       parse_syslog)
 
 PR_SET_CHILD_SUBREAPER = 36
 CLONE_NEWNET = 0x40000000
@@ -73,157 +71,6 @@ done
 exit 0
 """
 
-Record = namedtuple("Record", "ident pid prio text")
-
-_RFC3164 = re.compile(r"[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d (.*)", re.S)
-_IDENT = re.compile(r"([^\s\[:]+)(?:\[(\d+)\])?: ?(.*)", re.S)
-
-
-def parse_syslog(data):
-    """One datagram as glibc (or logger) writes it -> Record, or None."""
-    text = data.decode("latin-1").rstrip("\n\x00")
-    m = re.match(r"<(\d{1,3})>(.*)", text, re.S)
-    if not m:
-        return Record(None, None, None, text)
-    prio = int(m.group(1)) & 7
-    rest = m.group(2)
-    ts = _RFC3164.match(rest)
-    if ts:
-        rest = ts.group(1)
-    ident = _IDENT.match(rest)
-    if not ident:
-        return Record(None, None, prio, rest)
-    pid = int(ident.group(2)) if ident.group(2) else None
-    return Record(ident.group(1), pid, prio, ident.group(3))
-
-
-class SyslogReader:
-    """Collects the datagrams sent to the namespace's /dev/log."""
-
-    def __init__(self, sock_path):
-        self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._sock.bind(sock_path)
-        os.chmod(sock_path, 0o666)
-        self._recs = []
-        self._cond = threading.Condition()
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self._sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                data = self._sock.recv(65536)
-            except OSError:
-                break
-            with self._cond:
-                self._recs.append(parse_syslog(data))
-                self._cond.notify_all()
-
-    def close(self):
-        self._stop = True
-        self._thread.join(5)
-        self._sock.close()
-
-    def records(self, ident=None):
-        with self._cond:
-            return [r for r in self._recs if ident is None or r.ident == ident]
-
-    def texts(self, ident="kelpd"):
-        return [r.text for r in self.records(ident)]
-
-    def count(self, text, ident="kelpd"):
-        return sum(1 for r in self.records(ident) if _matches(text, r.text))
-
-    def wait_for(self, text, ident="kelpd", timeout=15, start=0):
-        """First record (from index `start` of that ident's records) whose text
-        equals `text` or matches the compiled regex `text`."""
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                recs = [r for r in self._recs if ident is None or r.ident == ident]
-                for r in recs[start:]:
-                    if _matches(text, r.text):
-                        return r
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise TimeoutError(
-                        "syslog line %r not seen; %s lines: %r" % (text, ident, [r.text for r in recs]))
-                self._cond.wait(left)
-
-    def wait_count(self, text, n, ident="kelpd", timeout=15):
-        """Waits until `text` was logged at least n times."""
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while self.count_unlocked(text, ident) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise TimeoutError("syslog line %r not seen %d times: %r" % (text, n, self.texts_unlocked(ident)))
-                self._cond.wait(left)
-
-    def count_unlocked(self, text, ident):
-        return sum(1 for r in self._recs if (ident is None or r.ident == ident) and _matches(text, r.text))
-
-    def texts_unlocked(self, ident):
-        return [r.text for r in self._recs if ident is None or r.ident == ident]
-
-
-def _matches(want, text):
-    if isinstance(want, re.Pattern):
-        return want.search(text) is not None
-    return want == text
-
-
-class ExitEvents:
-    """Exit codes of every process that ends, from the kernel's process
-    events connector (netlink): status even of processes reaped by others."""
-    NETLINK_CONNECTOR = 11
-    CN_IDX_PROC = 1
-    PROC_EVENT_EXIT = 0x80000000
-
-    def __init__(self):
-        self.codes = {}
-        self._sock = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, self.NETLINK_CONNECTOR)
-        self._sock.bind((0, self.CN_IDX_PROC))
-        self._control(1)
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _control(self, op):
-        payload = struct.pack("I", op)
-        cn = struct.pack("IIIIHH", self.CN_IDX_PROC, 1, 0, 0, len(payload), 0) + payload
-        self._sock.send(struct.pack("IHHII", 16 + len(cn), 3, 0, 0, 0) + cn)
-
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self._sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                data = self._sock.recv(65536)
-            except OSError:
-                continue
-            # nlmsghdr (16), cn_msg (20), proc_event: what, cpu, timestamp (16)
-            if len(data) < 68 or struct.unpack_from("I", data, 36)[0] != self.PROC_EVENT_EXIT:
-                continue
-            pid, tgid, code = struct.unpack_from("III", data, 52)
-            if pid == tgid:
-                self.codes[pid] = code
-
-    def close(self):
-        self._stop = True
-        self._thread.join(5)
-        try:
-            self._control(2)
-        except OSError:
-            pass
-        self._sock.close()
-
-
 def set_subreaper():
     if _libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl(PR_SET_CHILD_SUBREAPER)")
@@ -233,88 +80,6 @@ def _setns(fd):
     if _libc.setns(fd, CLONE_NEWNET) != 0:
         err = ctypes.get_errno()
         raise OSError(err, "setns: " + os.strerror(err))
-
-
-class HttpServer:
-    """A scripted HTTP server: handler(raw_request_bytes, conn) answers."""
-
-    def __init__(self, sock, handler):
-        self.sock = sock
-        self.port = sock.getsockname()[1]
-        self.requests = []
-        self._handler = handler
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self.sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
-
-    def _serve(self, conn):
-        with conn:
-            conn.settimeout(10)
-            data = b""
-            try:
-                while b"\r\n\r\n" not in data:
-                    chunk = conn.recv(4096)
-                    if not chunk:
-                        break
-                    data += chunk
-                self.requests.append(data)
-                self._handler(data, conn)
-            except OSError:
-                pass
-
-    def close(self):
-        self._stop = True
-        self._thread.join(5)
-        self.sock.close()
-
-
-class SilentPeer:
-    """A unix stream listener that accepts, reads and never answers: a configd
-    that has not replied yet, so a daemon keeps waiting for its documents."""
-
-    def __init__(self, path):
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.sock.bind(path)
-        self.sock.listen(8)
-        self.conns = []
-        self.received = b""
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self.sock] + self.conns, [], [], 0.2)
-            for s in r:
-                if s is self.sock:
-                    self.conns.append(self.sock.accept()[0])
-                    continue
-                try:
-                    data = s.recv(65536)
-                except OSError:
-                    data = b""
-                self.received += data
-                if not data:
-                    self.conns.remove(s)
-                    s.close()
-
-    def close(self):
-        self._stop = True
-        self._thread.join(5)
-        for c in self.conns:
-            c.close()
-        self.sock.close()
 
 
 class Namespace:
