@@ -65,6 +65,8 @@ kd_msg *receive_request(kd_client *c, kd_msg *msg)
         kd_msg_parse(msg, buf, static_cast<size_t>(n));
         return msg;
     }
+    // An empty packet from a live peer is no request, and no reason to drop
+    // its sessions; an orderly close also shows the hang-up.
     if (n == 0 && !peer_hung_up(fd)) {
         KD_LOG(4, LOG_DEBUG, "received empty request - ignored");
     } else if (n == 0) {
@@ -132,7 +134,8 @@ void client_request(int, void *ctx)
     if (msg)
         msg = receive_request(c, msg);
     if (c->broken == 1) {
-        // A request that arrived on a dead connection has nobody to answer.
+        // The teardown may have freed the record, and a dead peer has nobody
+        // to answer, so the request is dropped.
         KD_LOG(2, LOG_NOTICE, "client gone");
         kd_disconnect_client(c);
     } else if (msg) {
@@ -152,9 +155,9 @@ void kd_disconnect_client(kd_client *client)
     // Cleared first: the close callback may free the record inside csock_close.
     client->handle = 0;
     int fd = csock_fileno(h);
-    csock_close(h, 0);
     if (fd >= 0)
         close(fd);
+    csock_close(h, 0);
 }
 
 void client_closed(int, void *ctx)
@@ -164,6 +167,8 @@ void client_closed(int, void *ctx)
         return;
     auto *cc = static_cast<client_ctx *>(ctx);
     kd_client *c = cc->client;
+    // A close the daemon did not start (the multiplexer's shutdown) must not
+    // leave profiles pointing at the freed record.
     detach_profiles(c);
     if (c->prev)
         c->prev->next = c->next;

@@ -69,6 +69,7 @@ void put_feed(msgbuf *m, mxml_node_t *entry)
     if (!has_text(label))
         return;
     char *latin1 = kd_strdup(label);
+    // Without memory for one name the list would be silently incomplete.
     if (!latin1) {
         m->ok = false;
         return;

@@ -308,3 +308,52 @@ TEST(MsgParseDeath, EmptyBlockIsAProgrammingError)
 }
 
 } // namespace
+
+namespace {
+
+TEST(MsgParse, WordLengthCountsFromBehindLeadingWhiteSpace)
+{
+    parsed a(" \tlogin");
+    EXPECT_EQ(a.msg.cmd, KD_CMD_LOGIN);
+    parsed b("\n logou");
+    EXPECT_EQ(b.msg.cmd, KD_CMD_UNKNOWN);
+    parsed c("  logout");
+    EXPECT_EQ(c.msg.cmd, KD_CMD_LOGOUT);
+    EXPECT_EQ(c.msg.error, KD_MISSING_DOMAIN);
+    parsed d("\tOK");
+    EXPECT_EQ(d.msg.cmd, KD_CMD_OK);
+}
+
+TEST(MsgParse, LoginFollowedByLettersIsLoginAndTheFieldsFollow)
+{
+    parsed p("loginx v:2 domain:rss profile_id:4");
+    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGIN);
+    EXPECT_EQ(p.msg.error, KD_MISSING_VERSION); // "x" stands where "v:" belongs
+    parsed q("login\tv:2\tdomain:rss\tprofile_id:4");
+    EXPECT_EQ(q.msg.version, 2u);
+    EXPECT_EQ(q.msg.profile_id, 4u);
+}
+
+TEST(MsgParse, KeyThatDoesNotFitIsNotComparedAndFails)
+{
+    // Fewer bytes than the key remain: the field fails at the end, whatever they are.
+    parsed p("body domain:rss profile_id:1 feed_id:2 xyz");
+    EXPECT_EQ(p.msg.error, KD_MISSING_UID);
+    EXPECT_EQ(p.msg.feed_id, 2u);
+    parsed q("body domain:rss profile_id:1 feed_id:2 uid");
+    EXPECT_EQ(q.msg.error, KD_MISSING_UID);
+    parsed r("body domain:rss profile_id:1 feed_id:2 uid:");
+    EXPECT_EQ(r.msg.error, KD_MISSING_UID);
+}
+
+TEST(MsgParse, ExactlyKeyPlusOneByteIsCompared)
+{
+    parsed p("body domain:rss profile_id:1 feed_id:2 uid:7");
+    EXPECT_EQ(p.msg.uid, 7u);
+    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
+    parsed q("body domain:rss profile_id:1 feed_id:2 uix:7");
+    EXPECT_EQ(q.msg.error, KD_MISSING_UID);
+    EXPECT_EQ(q.msg.uid, 0u);
+}
+
+} // namespace
