@@ -112,12 +112,21 @@ void merge_item(mxml_node_t *item, mxml_node_t *pool, mxml_node_t *old_pool)
     mxml_node_t *old_entry = child_with_id(old_pool, "entry", ref);
     kd_node *n = take_feed(entry, old_entry);
     if (!n) {
+        // Without a record the feed stays empty just as without the reference.
         KD_LOG(1, LOG_CRIT, "no memory for reference - feed will stay empty");
         return;
     }
     n->entry = entry;
     add_reference(n, item);
     carry_poll(n, old_entry, entry);
+}
+
+// Every subscription below profiles, at any depth, in document order.
+void merge_items(mxml_node_t *profiles, mxml_node_t *pool, mxml_node_t *old_pool)
+{
+    for (mxml_node_t *it = mxmlFindElement(profiles, profiles, "item", nullptr, nullptr, MXML_DESCEND); it;
+         it = mxmlFindElement(it, profiles, "item", nullptr, nullptr, MXML_DESCEND))
+        merge_item(it, pool, old_pool);
 }
 
 // Feeds of the old document that no new item took over are freed.
@@ -179,7 +188,8 @@ void adopt_profiles(kd_profile **list, mxml_node_t *profiles)
     for (mxml_node_t *el = first_child(profiles, "profile"); el; el = next_sibling(el, profiles, "profile")) {
         const char *idtext = mxmlElementGetAttr(el, "id");
         if (!idtext) {
-            // configd refuses such documents; skipping keeps the daemon alive.
+            // Staying on this element until it has an id would hang the daemon
+            // for good, so it is passed over with a note instead.
             KD_LOG(2, LOG_INFO, "found profile node without id - ignored");
             continue;
         }
@@ -212,13 +222,13 @@ void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc)
         KD_LOG(1, LOG_CRIT, "missing <profiles>-node in config");
         return;
     }
+    // Merging the running document into itself would free every record it
+    // holds and then delete the document that is kept.
     if (newdoc == *slot) {
         kd_refresh_domain_timers(newdoc);
         return;
     }
-    for (mxml_node_t *it = mxmlFindElement(profiles, profiles, "item", nullptr, nullptr, MXML_DESCEND); it;
-         it = mxmlFindElement(it, profiles, "item", nullptr, nullptr, MXML_DESCEND))
-        merge_item(it, pool, old_pool);
+    merge_items(profiles, pool, old_pool);
     free_unreferenced(old_pool);
     move_profiles(*list, profiles);
     adopt_profiles(list, profiles);

@@ -28,7 +28,8 @@ bool feed_attached_in(mxml_node_t *root, const void *feed)
     return false;
 }
 
-// A merge may free a record between queueing its refresh and the timer firing.
+// A merge may free a record between queueing its refresh and the timer
+// firing, so the record is used only when an entry still holds it.
 void immediate_refresh(void *param, int id)
 {
     if (feed_attached_in(g_rssdomain, param) || feed_attached_in(g_poddomain, param))
