@@ -124,6 +124,8 @@ class ExitEvents:
     def __init__(self):
         self.codes = {}
         self._sock = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, self.NETLINK_CONNECTOR)
+        # Every process of the machine reports here: room for bursts (builds).
+        self._sock.setsockopt(socket.SOL_SOCKET, getattr(socket, "SO_RCVBUFFORCE", 33), 8 << 20)
         self._sock.bind((0, self.CN_IDX_PROC))
         self._control(1)
         self._stop = False
