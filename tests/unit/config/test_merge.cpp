@@ -43,6 +43,73 @@ TEST_F(merge_test, ItemsLinkToEntriesAndProfilesGetRecords)
     EXPECT_EQ(kd_get_profile_from_item(it), p1);
 }
 
+TEST_F(merge_test, MovedRecordGetsItsReferencesFromTheNewDocument)
+{
+    merge_rss(kBase);
+    kd_node *n = feed_of(g_rssdomain, "1");
+    size_t live = slab_live_count_for("kd_merge.cpp");
+    merge_rss(kBase);
+    EXPECT_EQ(feed_of(g_rssdomain, "1"), n);
+    EXPECT_EQ(n->entry, entry_el("1"));
+    ASSERT_EQ(n->nrefs, 1u); // rebuilt, not appended to the old ones
+    EXPECT_EQ(n->refs[0], mxmlFindElement(g_rssdomain, g_rssdomain, "item", "entry", "1", MXML_DESCEND));
+    EXPECT_EQ(slab_live_count_for("kd_merge.cpp"), live); // the old reference array is gone
+}
+
+TEST_F(merge_test, LaterItemsOfAMergeShareTheRecordInDocumentOrder)
+{
+    merge_rss(doc_with(entry("1", kUrlA), profile("1", item("1")) + profile("2", item("1"))));
+    kd_node *n = feed_of(g_rssdomain, "1");
+    ASSERT_EQ(n->nrefs, 2u);
+    EXPECT_EQ(kd_get_profile_from_item(n->refs[0]), profile_in(g_rssproflist, 1));
+    EXPECT_EQ(kd_get_profile_from_item(n->refs[1]), profile_in(g_rssproflist, 2));
+}
+
+TEST_F(merge_test, ProfilesMoveToTheirNewElements)
+{
+    merge_rss(kBase);
+    kd_profile *p1 = profile_in(g_rssproflist, 1);
+    captured_log().clear();
+    merge_rss(kBase);
+    EXPECT_EQ(profile_in(g_rssproflist, 1), p1);
+    EXPECT_EQ(p1->profile, profile_el("1"));
+    EXPECT_EQ(mxmlGetUserData(p1->profile), p1);
+    EXPECT_TRUE(log_has("[kddbg] check profile update: old 1, new 1"));
+    EXPECT_FALSE(log_has("[kddbg] check profile update: old none, new 1"));
+}
+
+TEST_F(merge_test, NewProfileRecordsGoToTheHeadOfTheList)
+{
+    merge_rss(doc_with("", profile("1", "") + profile("2", "") + profile("3", "")));
+    kd_profile *p1 = profile_in(g_rssproflist, 1), *p2 = profile_in(g_rssproflist, 2);
+    kd_profile *p3 = profile_in(g_rssproflist, 3);
+    EXPECT_EQ(g_rssproflist, p3);
+    EXPECT_EQ(p3->prev, nullptr);
+    EXPECT_EQ(p3->next, p2);
+    EXPECT_EQ(p2->prev, p3);
+    EXPECT_EQ(p2->next, p1);
+    EXPECT_EQ(p1->prev, p2);
+    EXPECT_EQ(p1->next, nullptr);
+    EXPECT_EQ(p1->nconns, 0u);
+    EXPECT_EQ(p1->was_online, 0);
+}
+
+TEST_F(merge_test, ReferenceWithoutMemoryLeavesTheRestMerged)
+{
+    mxml_node_t *doc = load_doc(kBase.c_str());
+    slab_fail_after(1); // the record of entry 1 is made, its reference array is not
+    kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
+    slab_fail_after(-1);
+    EXPECT_TRUE(log_has_prio("no memory for reference - feed will stay empty", LOG_CRIT));
+    EXPECT_EQ(g_rssdomain, doc);
+    ASSERT_NE(feed_of(g_rssdomain, "1"), nullptr);
+    EXPECT_EQ(feed_of(g_rssdomain, "1")->nrefs, 0u);
+    EXPECT_EQ(feed_of(g_rssdomain, "2")->nrefs, 1u);
+    EXPECT_NE(profile_in(g_rssproflist, 2), nullptr);
+    login("rss", 1);
+    EXPECT_EQ(feed_of(g_rssdomain, "1")->timer, 0); // no subscriber left to poll for
+}
+
 TEST_F(merge_test, StaleAndDanglingItemsAreSkipped)
 {
     merge_rss(doc_with(entry("1", kUrlA), profile("1", "<item/>" + item("9") + item("1"))));
@@ -296,10 +363,14 @@ TEST_F(merge_test, DuplicateIdsUseTheFirstElement)
 TEST_F(merge_test, ProfileWithoutIdIsSkipped)
 {
     merge_rss(doc_with(entry("1", kUrlA), "<profile>" + item("1") + "</profile>" + profile("4", "")));
-    EXPECT_TRUE(log_has("found profile node without id - ignored"));
+    EXPECT_TRUE(log_has_prio("found profile node without id - ignored", LOG_INFO));
     ASSERT_NE(g_rssproflist, nullptr);
     EXPECT_EQ(g_rssproflist->profile_id, 4u);
     EXPECT_EQ(g_rssproflist->next, nullptr);
+    EXPECT_EQ(feed_of(g_rssdomain, "1")->nrefs, 1u); // its subscriptions are still merged
+    merge_rss(doc_with("", profile("3", "") + "<profile/>" + profile("5", "")));
+    EXPECT_NE(profile_in(g_rssproflist, 3), nullptr);
+    EXPECT_NE(profile_in(g_rssproflist, 5), nullptr); // the scan goes on past it
 }
 
 TEST_F(merge_test, DeeplyNestedItemsAreFound)
@@ -343,6 +414,7 @@ TEST_F(merge_test, AllocationFailuresAreLoggedAndLeakNothing)
         slab_fail_after(n);
         kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
         slab_fail_after(-1);
+        EXPECT_EQ(g_rssdomain, doc) << n; // adopted whatever could not be recorded
         saw_ref |= log_has_prio("no memory for reference - feed will stay empty", LOG_CRIT);
         saw_profile |= log_has_prio("no memory for profile structure", LOG_CRIT);
         free_profile_list(&g_rssproflist);
