@@ -97,6 +97,20 @@ void detach_profiles(kd_client *c)
     c->nprofiles = 0;
 }
 
+// Sends a built block whole and frees it; a block that could not be built
+// is dropped with the caller's log line.
+int send_built(kd_client *client, int built, char *buf, uint32_t size, const char *failure)
+{
+    if (!built) {
+        kd_free(buf);
+        KD_LOG(1, LOG_ERR, "%s", failure);
+        return 0;
+    }
+    int ok = client_send(client, buf, size);
+    kd_free(buf);
+    return ok;
+}
+
 } // namespace
 
 int kd_new_connection(int fd, void *ctx)
@@ -225,14 +239,8 @@ int send_response(kd_client *client, kd_msg *req, const void *object)
 {
     char *buf = nullptr;
     uint32_t size = 0;
-    if (!kd_msg_response(&buf, &size, req, client->api, object)) {
-        kd_free(buf);
-        KD_LOG(1, LOG_ERR, "unable to prepare response");
-        return 0;
-    }
-    int ok = client_send(client, buf, size);
-    kd_free(buf);
-    return ok;
+    int built = kd_msg_response(&buf, &size, req, client->api, object);
+    return send_built(client, built, buf, size, "unable to prepare response");
 }
 
 int send_request(kd_client *client, uint32_t cmd, const void *descriptor)
@@ -240,12 +248,6 @@ int send_request(kd_client *client, uint32_t cmd, const void *descriptor)
     char *buf = nullptr;
     uint32_t size = 0;
     auto *desc = static_cast<const kd_overview_desc *>(descriptor);
-    if (!kd_msg_request(&buf, &size, cmd, client->api, desc)) {
-        kd_free(buf);
-        KD_LOG(1, LOG_ERR, "unable to prepare request - too much data");
-        return 0;
-    }
-    int ok = client_send(client, buf, size);
-    kd_free(buf);
-    return ok;
+    int built = kd_msg_request(&buf, &size, cmd, client->api, desc);
+    return send_built(client, built, buf, size, "unable to prepare request - too much data");
 }

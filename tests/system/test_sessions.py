@@ -221,3 +221,59 @@ def test_last_client_gone_ends_the_daemon(ns):
     assert ns.wait_exit(pid) == 0
     assert ns.syslog.count("client gone") == 1
     assert ns.syslog.count("received 0 bytes") == 0  # a debug line, not at -vv
+
+
+def test_answers_are_zero_padded_blocks_of_the_smallest_size(ns):
+    start(ns)
+    c = Client(ns)
+    c.send("login\tv:3\tdomain:rss\tprofile_id:9")
+    block = c.sock.recv(1 << 20)
+    text = "OK\tlogin\tdomain:rss\tprofile_id:9"  # 32 characters: 64 bytes
+    assert len(block) == 64
+    assert block == text.encode() + bytes(64 - len(text))
+    c.send("logout\tdomain:rss\tprofile_id:9")
+    block = c.sock.recv(1 << 20)
+    text = "OK\tlogout\tdomain:rss\tprofile_id:9"  # 33 characters: still 64 bytes
+    assert block == text.encode() + bytes(64 - len(text))
+
+
+def test_empty_packet_is_ignored_and_a_later_close_is_seen(ns):
+    start(ns)
+    c = Client(ns)
+    c.send(b"")
+    # A placeholder has no feeds, so nothing pushed stays unread at the close.
+    assert c.login(profile=9).startswith("OK\tlogin\t")
+    assert ns.syslog.count("received 0 bytes") == 0
+    assert ns.syslog.count("client gone") == 0
+    c.close()
+    ns.syslog.wait_for("received 0 bytes")
+    ns.syslog.wait_for("client gone")
+
+
+def test_half_closed_client_is_gone(ns):
+    pid = start(ns)
+    keeper = Client(ns)
+    assert keeper.login(profile=2).startswith("OK\t")
+    c = Client(ns)
+    assert c.login().startswith("OK\tlogin\t")
+    c.sock.shutdown(socket.SHUT_WR)
+    ns.syslog.wait_for("received 0 bytes")
+    ns.syslog.wait_for("client connection closed")
+    assert c.sock.recv(64) == b""  # the daemon closed its end
+    lines = connection_lines(ns, pid)
+    assert len([t for t in lines if t.startswith("client connection on sd=")]) == 1
+    assert profile_lines(lines) == ["  [rss] profile 2"]
+
+
+def test_client_leaving_unread_answers_is_one_recv_failure(ns):
+    pid = start(ns)
+    keeper = Client(ns)
+    assert keeper.login(profile=2).startswith("OK\t")
+    c = Client(ns)
+    c.send("login\tv:3\tdomain:rss\tprofile_id:1")
+    ns.syslog.wait_for(re.compile(r"^instance with api-version 3 logging in for profile 1 "))
+    c.close()  # the answer is still queued: the daemon's end is reset
+    ns.syslog.wait_for("client connection closed")
+    assert ns.syslog.count("recv failed with 104") == 1
+    assert ns.syslog.count("client gone") == 1
+    assert ns.alive(pid)
