@@ -31,12 +31,14 @@ uint32_t buffadd(httpcli_ctx *ctx, httpcli_buffer *b, const void *data, uint32_t
     KD_ASSERT(ctx!=((void *)0));
     KD_ASSERT(b!=((void *)0));
     KD_ASSERT(n == 0 || data!=((void *)0));
-    if (!b->start && b->size) // storage lost by a failed growth: nothing more fits
+    // A failed growth left size > len with no storage: appending would write
+    // through a null pointer, so the buffer stays empty-handed.
+    if (!b->start && b->size)
         return b->len;
     while (n >= b->size - b->len) {
         uint32_t want = next_size(b->size, n);
         void *p = want ? kd_realloc(b->start, want) : nullptr;
-        b->size = want ? want : UINT32_MAX;
+        b->size = want ? want : UINT32_MAX; // a size past 4 GiB cannot be had
         if (!p) {
             kd_free(b->start);
             b->start = nullptr;
@@ -52,11 +54,11 @@ uint32_t buffadd(httpcli_ctx *ctx, httpcli_buffer *b, const void *data, uint32_t
 
 uint32_t buffadd_str(httpcli_ctx *ctx, httpcli_buffer *b, const char *text)
 {
+    KD_ASSERT(ctx!=((void *)0));
+    KD_ASSERT(b!=((void *)0));
     KD_ASSERT(text!=((void *)0));
-    if (!*text) {
-        KD_ASSERT(b!=((void *)0));
+    if (!*text)
         return b->len;
-    }
     return buffadd(ctx, b, text, static_cast<uint32_t>(strlen(text)));
 }
 

@@ -13,6 +13,21 @@ namespace {
 
 bool is_redirect(int code) { return code >= 300 && code <= 399 && code != 304; }
 
+// "host[:port]path" of a site-relative location, the port only when it is
+// not 80; null when there is no memory for it.
+char *site_target(const http_uri *uri, const char *loc)
+{
+    bool port = uri->port != 80;
+    int n = port ? snprintf(nullptr, 0, "%s:%d%s", uri->host, uri->port, loc)
+                 : snprintf(nullptr, 0, "%s%s", uri->host, loc);
+    auto *text = static_cast<char *>(kd_malloc(static_cast<size_t>(n) + 1));
+    if (text && port)
+        snprintf(text, static_cast<size_t>(n) + 1, "%s:%d%s", uri->host, uri->port, loc);
+    else if (text)
+        snprintf(text, static_cast<size_t>(n) + 1, "%s%s", uri->host, loc);
+    return text;
+}
+
 // A site-relative location becomes "host[:port]/path" of the current URL;
 // it stays as it was when the URL cannot be parsed.
 void absolutize(httpcli_ctx *ctx, const char *url, http_result *res)
@@ -21,19 +36,10 @@ void absolutize(httpcli_ctx *ctx, const char *url, http_result *res)
     if (!uri)
         return;
     http_parse_uri(ctx, url, uri);
-    if (uri->host) {
-        const char *loc = res->location;
-        int n = uri->port != 80 ? snprintf(nullptr, 0, "%s:%d%s", uri->host, uri->port, loc)
-                                : snprintf(nullptr, 0, "%s%s", uri->host, loc);
-        auto *text = static_cast<char *>(kd_malloc(static_cast<size_t>(n) + 1));
-        if (text) {
-            if (uri->port != 80)
-                snprintf(text, static_cast<size_t>(n) + 1, "%s:%d%s", uri->host, uri->port, loc);
-            else
-                snprintf(text, static_cast<size_t>(n) + 1, "%s%s", uri->host, loc);
-            kd_free(res->location);
-            res->location = text;
-        }
+    char *text = uri->host ? site_target(uri, res->location) : nullptr;
+    if (text) {
+        kd_free(res->location);
+        res->location = text;
     }
     http_free_uri(ctx, uri);
     kd_free(uri);

@@ -3,6 +3,7 @@
 // time-out and the response bounded in size.
 #include "http/httpcli.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -44,13 +45,17 @@ struct exchange {
 
 // Waits until fd is readable or writable; false on time-out, failure, or
 // when the socket is not the one reported.
+// A signal interrupting the wait ends it like a time-out: the exchange ends
+// with what has arrived.
 bool wait_for(const httpcli_ctx *ctx, int fd, bool writable)
 {
-    if (fd >= FD_SETSIZE)
+    if (fd >= FD_SETSIZE) // select cannot watch it without overrunning the set
         return false;
+    // A negative, NaN or absurd time-out would make the conversion undefined.
+    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
     timeval tv;
-    tv.tv_sec = static_cast<time_t>(ctx->timeout);
-    tv.tv_usec = static_cast<suseconds_t>((ctx->timeout - static_cast<float>(tv.tv_sec)) * 1000000);
+    tv.tv_sec = static_cast<time_t>(t);
+    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
@@ -118,7 +123,7 @@ int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
             if (n == 0)
                 return 0;
         } else if (errno != EAGAIN || !wait_for(ctx, fd, false)) {
-            return 0;
+            return 0; // also EINTR: the caller gets what arrived before the signal
         }
     }
 }
@@ -126,7 +131,7 @@ int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
 // Reception and parsing: the status, or one of the client's codes.
 int take_response(httpcli_ctx *ctx, int fd, httpcli_buffer *resp, http_result *res)
 {
-    httpcli_buffer *own = nullptr; // the response is only parsed, then dropped
+    httpcli_buffer *own = nullptr; // parsed, then freed so that nothing leaks
     if (!resp && !(resp = own = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)))))
         return HTTPCLI_NO_CONNECTION;
     int rc = receive(ctx, fd, resp);
@@ -157,7 +162,7 @@ int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_r
     if (!x.uri)
         return HTTPCLI_NO_CONNECTION;
     http_parse_uri(ctx, url, x.uri);
-    if (!x.uri->scheme || !x.uri->host || !x.uri->path)
+    if (!x.uri->scheme || !x.uri->host || !x.uri->path) // a part could not be copied
         return HTTPCLI_NO_MEMORY;
     x.fd = open_connection(ctx, x.uri);
     if (x.fd < 0)

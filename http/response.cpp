@@ -14,6 +14,9 @@ namespace {
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
+// White space as the C library knows it; a folded value starts after CR LF.
+bool is_space(char c) { return is_blank(c) || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+
 // When the header names `name` (case-insensitive prefix, colon included),
 // the value after the colon and any white space; else null.
 const char *header_value(const char *line, const char *name)
@@ -22,7 +25,7 @@ const char *header_value(const char *line, const char *name)
     if (strncasecmp(line, name, n) != 0)
         return nullptr;
     line += n;
-    while (*line == ' ' || *line == '\t' || *line == '\r' || *line == '\n')
+    while (is_space(*line))
         line++;
     return line;
 }
@@ -53,9 +56,32 @@ int parse_status(const char *line)
     if (!blank)
         return -1;
     int status = 0;
+    // Nine digits at most: a hostile status line must not overflow the int.
     for (const char *p = blank + 1; *p >= '0' && *p <= '9' && status < 100000000; p++)
         status = status * 10 + (*p - '0');
     return status;
+}
+
+// Value of a hexadecimal digit, -1 for any other character.
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// Leading hexadecimal digits of a chunk-size line; extensions after them are
+// ignored, and an absurd size saturates so the data end clips it.
+uint32_t parse_chunk_size(const char *line)
+{
+    uint64_t size = 0;
+    for (const char *c = line; hex_digit(*c) >= 0 && size <= UINT32_MAX; c++)
+        size = size * 16 + static_cast<uint64_t>(hex_digit(*c));
+    return size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
 }
 
 enum header_kind { header_plain, header_chunked, header_nomem };
@@ -77,7 +103,8 @@ header_kind take_header(const char *line, http_result *res)
 }
 
 // Reads the header block up to the empty line; 0 on success, 3 when a copy
-// could not be made.
+// could not be made, since a header silently lost (a redirect target, the
+// content type) would make the caller act on a wrong answer.
 int read_headers(httpcli_ctx *ctx, httpcli_buffer *b, char **cur, http_result *res, bool *chunked)
 {
     char *end = b->start + b->len;
@@ -162,6 +189,8 @@ char *getheaderline(httpcli_ctx *ctx, httpcli_buffer *b, char **p, int continuat
 
 uint32_t read_chunk_size(httpcli_ctx *ctx, httpcli_buffer *b, char **p)
 {
+    KD_ASSERT(ctx!=((void *)0));
+    KD_ASSERT(b!=((void *)0));
     KD_ASSERT(p!=((void *)0));
     char *end = b->start + b->len;
     if (*p >= end) // header block ended exactly at the data end
@@ -173,45 +202,50 @@ uint32_t read_chunk_size(httpcli_ctx *ctx, httpcli_buffer *b, char **p)
     }
     if (!line)
         return 0;
-    uint64_t size = 0;
-    for (const char *c = line; size <= UINT32_MAX; c++) {
-        int d = *c >= '0' && *c <= '9' ? *c - '0'
-              : *c >= 'a' && *c <= 'f' ? *c - 'a' + 10
-              : *c >= 'A' && *c <= 'F' ? *c - 'A' + 10 : -1;
-        if (d < 0)
-            break;
-        size = size * 16 + static_cast<uint64_t>(d);
-    }
+    uint32_t size = parse_chunk_size(line);
     kd_free(line);
-    return size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
+    return size;
 }
+
+namespace {
+
+// Status line and header block: the status with the cursor left on the body,
+// or minus 1 or 3.
+int parse_head(httpcli_ctx *ctx, httpcli_buffer *b, char **cur, http_result *res, bool *chunked)
+{
+    char *first = getheaderline(ctx, b, cur, 1);
+    if (!first)
+        return -HTTPCLI_NO_MEMORY;
+    int status = parse_status(first);
+    kd_free(first);
+    if (status < 0)
+        return -HTTPCLI_NO_CONNECTION;
+    // Freed again at once so that a call without a record leaks nothing.
+    http_result *own = nullptr;
+    if (!res && !(res = own = static_cast<http_result *>(kd_calloc(1, sizeof(http_result)))))
+        return -HTTPCLI_NO_MEMORY;
+    clear_result(res);
+    int rc = read_headers(ctx, b, cur, res, chunked);
+    if (own) {
+        clear_result(own);
+        kd_free(own);
+    }
+    return rc ? -rc : status;
+}
+
+} // namespace
 
 int strip_response(httpcli_ctx *ctx, httpcli_buffer *b, http_result *res)
 {
     KD_ASSERT(ctx!=((void *)0));
     KD_ASSERT(b!=((void *)0));
-    if (!b->start || b->len == 0)
+    if (!b->start || b->len == 0) // the line reader needs at least one byte
         return HTTPCLI_NO_CONNECTION;
     char *cur = b->start;
-    char *first = getheaderline(ctx, b, &cur, 1);
-    if (!first)
-        return HTTPCLI_NO_MEMORY;
-    int status = parse_status(first);
-    kd_free(first);
-    if (status < 0)
-        return HTTPCLI_NO_CONNECTION;
-    http_result *own = nullptr; // a record of our own when the caller passed none
-    if (!res && !(res = own = static_cast<http_result *>(kd_calloc(1, sizeof(http_result)))))
-        return HTTPCLI_NO_MEMORY;
-    clear_result(res);
     bool chunked = false;
-    int rc = read_headers(ctx, b, &cur, res, &chunked);
-    if (own) {
-        clear_result(own);
-        kd_free(own);
-    }
-    if (rc)
-        return rc;
+    int status = parse_head(ctx, b, &cur, res, &chunked);
+    if (status < 0)
+        return -status;
     char *w = chunked ? compact_chunked(ctx, b, b->start, cur)
                       : compact_plain(b->start, cur, b->start + b->len);
     b->len = static_cast<uint32_t>(w - b->start);

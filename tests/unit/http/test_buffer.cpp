@@ -143,6 +143,48 @@ TEST_F(BufferTest, FailedFirstAllocation)
     EXPECT_EQ(b.size, 256u);
 }
 
+TEST_F(BufferTest, EmptyAppendToEmptyBufferStillAllocates)
+{
+    // Zero free bytes is not "strictly more than zero": the buffer grows.
+    EXPECT_EQ(buffadd(&ctx, &b, "", 0), 0u);
+    EXPECT_EQ(b.size, 256u);
+    EXPECT_NE(b.start, nullptr);
+    EXPECT_EQ(buffadd(&ctx, &b, "", 0), 0u);
+    EXPECT_EQ(b.size, 256u);
+}
+
+TEST_F(BufferTest, FailedLargeFirstAllocationKeepsTheAttemptedSize)
+{
+    std::string big(3000, 'x');
+    slab_fail_after(0);
+    EXPECT_EQ(buffadd(&ctx, &b, big.data(), 3000), 0u);
+    EXPECT_EQ(b.start, nullptr);
+    EXPECT_EQ(b.size, 128u + 3000u);
+    EXPECT_EQ(b.len, 0u);
+}
+
+TEST_F(BufferTest, FailedGrowthInTheLinearRangeKeepsTheAttemptedSize)
+{
+    std::string fill(4000, 'f');
+    buffadd(&ctx, &b, fill.data(), 4000);
+    EXPECT_EQ(b.size, 128u + 4000u);
+    std::string more(200, 'm');
+    slab_fail_after(0);
+    EXPECT_EQ(buffadd(&ctx, &b, more.data(), 200), 4000u);
+    EXPECT_EQ(b.size, 128u + 4000u + 2048u);
+    EXPECT_EQ(b.len, 4000u);
+    EXPECT_EQ(b.start, nullptr);
+    slab_fail_after(-1);
+    EXPECT_EQ(buffadd_str(&ctx, &b, "late"), 4000u);
+    EXPECT_EQ(b.start, nullptr);
+}
+
+TEST(BufferDeath, EmptyTextWithNullContextAsserts)
+{
+    httpcli_buffer b = {};
+    EXPECT_DEATH(buffadd_str(nullptr, &b, ""), "ctx!=\\(\\(void \\*\\)0\\)");
+}
+
 TEST(BufferDeath, NullContextAsserts)
 {
     httpcli_buffer b = {};

@@ -6,9 +6,12 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <functional>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -25,6 +28,7 @@ struct script {
     std::vector<std::string> pieces; // sent one after another with a pause
     bool hang = false;               // answer nothing until the client leaves
     bool endless = false;            // send the first piece forever
+    std::function<void(int)> handler = nullptr; // when set, does all the answering
 };
 
 // Accepts connections one at a time; the n-th connection gets the n-th
@@ -87,6 +91,10 @@ class scripted_server {
         {
             std::lock_guard<std::mutex> g(mu_);
             requests_.push_back(req);
+        }
+        if (s.handler) {
+            s.handler(fd);
+            return;
         }
         if (s.hang) {
             while (recv(fd, buf, sizeof buf, 0) > 0) {
@@ -339,6 +347,164 @@ TEST_F(ExchangeTest, FailedAllocationsEndWithNoMemoryAndLeaveNothingBehind)
     }
     EXPECT_GT(no_memory, 3);
     EXPECT_GT(lost_while_receiving, 0);
+}
+
+} // namespace
+
+namespace {
+
+std::string digits(size_t n)
+{
+    std::string s;
+    for (size_t i = 0; i < n; i++)
+        s += static_cast<char>('0' + i % 10);
+    return s;
+}
+
+// Every redirect target followed, as the stack holds them.
+struct RedirTest : ExchangeTest {
+    char *stack = nullptr;
+    void TearDown() override
+    {
+        kd_free(stack);
+        ExchangeTest::TearDown();
+    }
+    int get(const std::string &url) { return http_get_redir(&ctx, url.c_str(), &resp, &res, &stack); }
+};
+
+TEST_F(ExchangeTest, ResponseOfExactlyTheBoundIsKept)
+{
+    const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+    std::string payload = digits(HTTPCLI_MAX_RESPONSE - head.size());
+    scripted_server srv({{{head, payload}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), payload);
+}
+
+TEST_F(ExchangeTest, OneByteBeyondTheBoundIsTruncated)
+{
+    const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+    std::string payload = digits(HTTPCLI_MAX_RESPONSE + 1 - head.size());
+    scripted_server srv({{{head, payload}}});
+    EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 2);
+    EXPECT_EQ(body(), payload);
+}
+
+TEST_F(ExchangeTest, PortIsTakenModulo65536)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\n\r\nwrapped"}}});
+    std::string host = "127.0.0.1:" + std::to_string(srv.port() + 65536);
+    EXPECT_EQ(httpcli_get(&ctx, (host + "/w").c_str(), &resp, &res), 200);
+    EXPECT_EQ(body(), "wrapped");
+    ASSERT_EQ(srv.requests().size(), 1u);
+    EXPECT_EQ(srv.requests()[0], expected_request("/w", host));
+}
+
+TEST_F(ExchangeTest, SignalDuringTheWaitEndsReception)
+{
+    struct sigaction sa = {}, old = {};
+    sa.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
+    sigaction(SIGUSR1, &sa, &old);
+    pthread_t client = pthread_self();
+    script s;
+    s.handler = [client](int fd) {
+        std::string first = "HTTP/1.1 200 OK\r\n\r\nfirst";
+        send(fd, first.data(), first.size(), MSG_NOSIGNAL);
+        // Interrupt the client until it leaves; if it never does, the rest
+        // arrives and shows in the body.
+        for (int i = 0; i < 400; i++) {
+            pthread_kill(client, SIGUSR1);
+            pollfd p = {fd, POLLIN, 0};
+            if (poll(&p, 1, 25) > 0)
+                return;
+        }
+        send(fd, "second", 6, MSG_NOSIGNAL);
+    };
+    scripted_server srv({s});
+    ctx.timeout = 60.0f;
+    int rc = httpcli_get(&ctx, srv.base().c_str(), &resp, &res);
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_EQ(rc, 200);
+    EXPECT_EQ(body(), "first");
+}
+
+TEST_F(ExchangeTest, PeerResettingDuringTheRequestIsNoConnection)
+{
+    // A request far larger than the socket buffers: the peer reads a little
+    // and resets, and the sender must neither die of SIGPIPE nor hang.
+    signal(SIGPIPE, SIG_DFL);
+    std::string huge = "X-Pad: " + std::string(8u << 20, 'p') + "\r\n";
+    script s;
+    s.handler = [](int fd) {
+        linger l = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+    };
+    scripted_server srv({s});
+    const char *saved = http_extra_headers;
+    http_extra_headers = huge.c_str();
+    int rc = httpcli_get(&ctx, srv.base().c_str(), &resp, &res);
+    http_extra_headers = saved;
+    EXPECT_EQ(rc, 1);
+}
+
+TEST_F(RedirTest, StackHoldsEachSiteRelativeTargetWithItsPort)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: /b\r\n\r\n"}},
+                         {{"HTTP/1.1 302 Found\r\nLocation: /c?x=1\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\ndone"}}});
+    EXPECT_EQ(get(srv.base() + "/a"), 200);
+    std::string host = "127.0.0.1:" + std::to_string(srv.port());
+    EXPECT_STREQ(stack, (" " + host + "/b " + host + "/c?x=1").c_str());
+    EXPECT_EQ(body(), "done");
+}
+
+TEST_F(RedirTest, SiteRelativeTargetOnPort80HasNoPort)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: /b\r\n\r\n"}},
+                         {{"HTTP/1.1 302 Found\r\nLocation: /c\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\ndone"}}});
+    ctx.proxy = "127.0.0.1";
+    ctx.proxy_port = srv.port();
+    EXPECT_EQ(get("https://origin.invalid:80/a"), 200);
+    EXPECT_STREQ(stack, " origin.invalid/b origin.invalid/c");
+    EXPECT_EQ(srv.requests(), (std::vector<std::string>{
+                                  expected_request("https://origin.invalid/a", "origin.invalid"),
+                                  expected_request("http://origin.invalid/b", "origin.invalid"),
+                                  expected_request("http://origin.invalid/c", "origin.invalid")}));
+}
+
+TEST_F(RedirTest, EarlierTargetThatMerelyStartsWithTheLocationIsNoLoop)
+{
+    scripted_server srv({{{"HTTP/1.1 302 Found\r\nLocation: /a\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\nfollowed"}}});
+    std::string host = "127.0.0.1:" + std::to_string(srv.port());
+    stack = kd_strdup((" " + host + "/ab " + host + "/a2").c_str());
+    EXPECT_EQ(get(srv.base() + "/start"), 200);
+    EXPECT_EQ(body(), "followed");
+    EXPECT_STREQ(stack, (" " + host + "/ab " + host + "/a2 " + host + "/a").c_str());
+}
+
+TEST_F(RedirTest, TailOfAnEarlierTargetCountsAsLoop)
+{
+    scripted_server srv({{{"HTTP/1.1 302 Found\r\nLocation: /a\r\n\r\nstopped"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\nwrong"}}});
+    std::string host = "127.0.0.1:" + std::to_string(srv.port());
+    std::string before = " x" + host + "/a";
+    stack = kd_strdup(before.c_str());
+    EXPECT_EQ(get(srv.base() + "/start"), 302);
+    EXPECT_EQ(body(), "stopped");
+    EXPECT_STREQ(stack, before.c_str());
+    EXPECT_EQ(srv.requests().size(), 1u);
+}
+
+TEST_F(RedirTest, TailFollowedByBlankCountsAsLoop)
+{
+    scripted_server srv({{{"HTTP/1.1 307 Temp\r\nLocation: /a\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\nwrong"}}});
+    std::string host = "127.0.0.1:" + std::to_string(srv.port());
+    stack = kd_strdup((" http://" + host + "/a other").c_str());
+    EXPECT_EQ(get(srv.base() + "/start"), 307);
+    EXPECT_EQ(srv.requests().size(), 1u);
 }
 
 } // namespace

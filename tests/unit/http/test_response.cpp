@@ -84,6 +84,32 @@ TEST_F(ResponseTest, CursorNeverPassesTheDataEnd)
     EXPECT_EQ(cur, b.start + 4);
 }
 
+TEST_F(ResponseTest, FoldAtTheDataEndStaysInsideTheData)
+{
+    load("X: a\r\n ");
+    char *cur = b.start;
+    EXPECT_EQ(line(&cur, 1), "X: a\r\n ");
+    EXPECT_EQ(cur, b.start + b.len);
+    load("X: a\r\n");
+    cur = b.start;
+    EXPECT_EQ(line(&cur, 1), "X: a");
+    EXPECT_EQ(cur, b.start + b.len);
+    load("X: a\r\n\r\n");
+    cur = b.start;
+    EXPECT_EQ(line(&cur, 1), "X: a");
+    EXPECT_EQ(cur, b.start + 6);
+    EXPECT_EQ(line(&cur, 1), "");
+    EXPECT_EQ(cur, b.start + b.len);
+}
+
+TEST_F(ResponseTest, NulAsLastByteLeavesCursorAtTheEnd)
+{
+    load(std::string("ab\0", 3));
+    char *cur = b.start;
+    EXPECT_EQ(line(&cur, 1), "ab");
+    EXPECT_EQ(cur, b.start + b.len);
+}
+
 TEST_F(ResponseTest, CursorOutsideTheDataAsserts)
 {
     load("abc");
@@ -131,6 +157,23 @@ TEST_F(ResponseTest, StatusWithoutDigitsIsZero)
 {
     EXPECT_EQ(strip("HTTP/1.1 abc\r\n\r\nbody"), 0);
     EXPECT_EQ(body(), "body");
+}
+
+TEST_F(ResponseTest, DigitsMustFollowTheFirstBlank)
+{
+    EXPECT_EQ(strip("HTTP/1.1  200 OK\r\n\r\nx"), 0);
+    EXPECT_EQ(strip("HTTP/1.1\t200 OK\r\n\r\nx"), 0);
+    EXPECT_EQ(strip("HTTP/1.1\t200\r\n\r\nx"), 1);
+    EXPECT_EQ(strip("HTTP/ 404\r\n\r\nx"), 404);
+    EXPECT_EQ(strip("HTTP/1.1 2xx\r\n\r\nx"), 2);
+    EXPECT_EQ(body(), "x");
+}
+
+TEST_F(ResponseTest, StatusLineAloneGivesEmptyBody)
+{
+    EXPECT_EQ(strip("HTTP/1.1 200"), 200);
+    EXPECT_EQ(b.len, 0u);
+    EXPECT_EQ(b.start[0], '\0');
 }
 
 TEST_F(ResponseTest, HugeStatusDoesNotOverflow)
@@ -188,6 +231,20 @@ TEST_F(ResponseTest, ChunkedHello)
     EXPECT_EQ(body(), "hello");
     EXPECT_EQ(b.len, 5u);
     EXPECT_EQ(b.start[5], '\0');
+}
+
+TEST_F(ResponseTest, FoldedTransferEncodingValue)
+{
+    EXPECT_EQ(strip("HTTP/1.1 200 OK\r\nTransfer-Encoding:\r\n chunked\r\n\r\n2\r\nok\r\n0\r\n"), 200);
+    EXPECT_EQ(body(), "ok");
+}
+
+TEST_F(ResponseTest, EmptyLineBeforeFirstChunkSkippedOnce)
+{
+    EXPECT_EQ(strip("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n\r\n5\r\nhello\r\n0\r\n"), 200);
+    EXPECT_EQ(body(), "hello");
+    EXPECT_EQ(strip("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n\r\n\r\n5\r\nhello"), 200);
+    EXPECT_EQ(b.len, 0u);
 }
 
 TEST_F(ResponseTest, ChunkExtensionIgnored)

@@ -170,6 +170,38 @@ TEST_F(UriTest, ExtraHeadersWithoutLineFeedGetOneMoreLineEnd)
                  "X-A: 1\r\nX-B: 2\r\n\r\n");
 }
 
+TEST_F(UriTest, EmptyExtraHeadersGiveTwoLineEnds)
+{
+    const char *saved = http_extra_headers;
+    http_extra_headers = "";
+    std::string r = request("h/p");
+    http_extra_headers = saved;
+    EXPECT_EQ(r, "GET /p HTTP/1.1\r\nHost: h\r\nConnection: close\r\nAccept-Encoding: \r\n\r\n\r\n");
+}
+
+TEST_F(UriTest, ExtraHeadersEndingInBareLineFeedGetOneLineEnd)
+{
+    const char *saved = http_extra_headers;
+    http_extra_headers = "X-A: 1\n";
+    std::string r = request("h/p");
+    http_extra_headers = saved;
+    EXPECT_EQ(r, "GET /p HTTP/1.1\r\nHost: h\r\nConnection: close\r\nAccept-Encoding: \r\n"
+                 "X-A: 1\n\r\n");
+}
+
+TEST_F(UriTest, ExplicitPort80IsLeftOutEvenThroughProxy)
+{
+    ctx.proxy = "proxy.test";
+    EXPECT_EQ(request("ftp://h:80/p"),
+              "GET ftp://h/p HTTP/1.1\r\nHost: h\r\nConnection: close\r\nAccept-Encoding: \r\n"
+              "User-Agent: Lumora FeedReader\r\n\r\n");
+}
+
+TEST_F(UriTest, PortZeroIsWrittenOut)
+{
+    EXPECT_TRUE(request("h:/p").starts_with("GET /p HTTP/1.1\r\nHost: h:0\r\n"));
+}
+
 TEST_F(UriTest, FailedGrowthOfRequestLeavesNoData)
 {
     http_parse_uri(&ctx, "h/p", &uri);
