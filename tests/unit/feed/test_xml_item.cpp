@@ -51,6 +51,14 @@ TEST_F(Item, CdataTitleEndingInBracketsIsCutBeforeStripping)
     EXPECT_STREQ(i->title, "x");
 }
 
+TEST_F(Item, CdataTitleIsCutOnlyBeforeStripping)
+{
+    // "]]" that only the stripping brings to the end stays in a title.
+    kd_item *i = only("<item><title><![CDATA[a]]<b>]]></title></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->title, "a]]");
+}
+
 TEST_F(Item, CdataTitleImageGoesToImages)
 {
     kd_item *i = only("<item><title><![CDATA[<img src=\"/t.png\">T]]></title></item>");
@@ -136,6 +144,24 @@ TEST_F(Item, CdataBodyIsStrippedThenCut)
     EXPECT_STREQ(i->body, "a & b");
 }
 
+TEST_F(Item, CdataBodyIsCutAfterStripping)
+{
+    // The trailing tag and space are stripped first, so "]]" then ends the body.
+    kd_item *i = only("<item><title>t</title><description><![CDATA[a]]<b> ]]></description></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->body, "a");
+}
+
+TEST_F(Item, CdataBodyWithImageKeepsLeadingSpace)
+{
+    kd_item *i = only("<item><title>t</title><description><![CDATA[ <img src=\"http://h/i\">x]]>"
+                      "</description></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->body, " x");
+    ASSERT_NE(i->images, nullptr);
+    EXPECT_EQ(i->images->offset, 1u);
+}
+
 TEST_F(Item, BodyIsLimitedTo4096Bytes)
 {
     kd_item *i = only("<item><title>t</title><description>" + std::string(9000, 'b') +
@@ -201,6 +227,42 @@ TEST_F(Item, DuplicateEnclosureUrlIsSkipped)
                       "<enclosure url=\"http://h/a.mp3x\" type=\"audio/mpeg\"/></item>");
     ASSERT_NE(i, nullptr);
     EXPECT_EQ(count_list(i->enclosures), 2);
+}
+
+TEST_F(Item, AttachmentDuplicatesNeedTheExactUrlInTheSameList)
+{
+    kd_item *i = only("<item><title>t</title>"
+                      "<enclosure url=\"http://h/x.png/big\" type=\"image/png\"/>"
+                      "<enclosure url=\"http://h/x.png\" type=\"image/png\"/>"
+                      "<enclosure url=\"http://h/x.png\" type=\"audio/x\"/>"
+                      "<media:content url=\"http://h/x.png\" medium=\"image\"/></item>");
+    ASSERT_NE(i, nullptr);
+    // Unlike inline images, attachments are only duplicates of an equal URL,
+    // and only within the list they go to.
+    EXPECT_EQ(count_list(i->images), 2);
+    EXPECT_STREQ(i->images->url, "http://h/x.png");
+    EXPECT_STREQ(i->images->type, "image/png");
+    ASSERT_EQ(count_list(i->enclosures), 1);
+    EXPECT_STREQ(i->enclosures->url, "http://h/x.png");
+}
+
+TEST_F(Item, SearchFindsLaterSiblingsAfterMatchWithoutChildren)
+{
+    kd_item *i = only("<item><title>t</title><enclosure url=\"http://h/1\"/><guid>g</guid>"
+                      "<enclosure url=\"http://h/2\"/><enclosure url=\"http://h/3\"/></item>");
+    ASSERT_NE(i, nullptr);
+    ASSERT_EQ(count_list(i->enclosures), 3);
+    EXPECT_STREQ(i->enclosures->url, "http://h/3");
+    EXPECT_STREQ(i->enclosures->next->next->url, "http://h/1");
+}
+
+TEST_F(Item, OnlyDirectChildrenAreAttachments)
+{
+    kd_item *i = only("<item><title>t</title><media:group><media:content url=\"http://h/g\"/>"
+                      "</media:group><link rel=\"alternate\" href=\"http://h/page\"/></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_EQ(i->enclosures, nullptr);
+    EXPECT_EQ(i->images, nullptr);
 }
 
 TEST_F(Item, SearchAfterMatchWithChildrenStaysAmongItsChildren)
@@ -289,6 +351,13 @@ TEST_F(Item, GuidWithoutPlainTextMeansNoGuid)
     EXPECT_EQ(i->guid, nullptr);
 }
 
+TEST_F(Item, EmptyGuidEndsTheSearchWithoutId)
+{
+    kd_item *i = only("<item><title>t</title><guid></guid><id>i</id></item>");
+    ASSERT_NE(i, nullptr);
+    EXPECT_EQ(i->guid, nullptr);
+}
+
 TEST_F(Item, PubDateIsLocalTime)
 {
     kd_item *i = only("<item><title>t</title><pubDate>Tue, 10 Jun 2003 04:00:00 GMT</pubDate></item>");
@@ -329,6 +398,23 @@ TEST_F(Item, OtherSchemeGivesOnlySchemeAsBase)
     kd_item *i = only("<item><title>t</title><enclosure url=\"/a\"/></item>", "https://h/feed");
     ASSERT_NE(i, nullptr);
     EXPECT_STREQ(i->enclosures->url, "https:/a");
+}
+
+TEST_F(Item, ImagesAreMadeAbsoluteToo)
+{
+    kd_item *i = only("<item><title>t</title><enclosure url=\"/p.jpg\" type=\"image/jpeg\"/>"
+                      "<enclosure url=\"/s.mp3\" type=\"audio/mpeg\"/></item>",
+                      "http://u:p@h:81");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->images->url, "http://u:p@h:81/p.jpg");
+    EXPECT_STREQ(i->enclosures->url, "http://u:p@h:81/s.mp3");
+}
+
+TEST_F(Item, UppercaseSchemeIsNotHttp)
+{
+    kd_item *i = only("<item><title>t</title><enclosure url=\"/a\"/></item>", "HTTP://h/feed");
+    ASSERT_NE(i, nullptr);
+    EXPECT_STREQ(i->enclosures->url, "HTTP:/a");
 }
 
 TEST_F(Item, FeedTitleIsFirstPlainChannelTitle)

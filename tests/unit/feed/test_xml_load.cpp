@@ -188,12 +188,16 @@ TEST_F(Load, HtmlPageWithUnclosedTagIsRefused)
     EXPECT_EQ(p_.feed, nullptr);
 }
 
-TEST_F(Load, NoMemoryForNodeLeavesTitleUntouched)
+// Allocations before the loader runs, in order: the node, the declaration,
+// the enlarged body. Each failure leaves the title and the body as they were.
+class LoadNoMemory : public XmlTest, public ::testing::WithParamInterface<long> {};
+
+TEST_P(LoadNoMemory, LeavesTitleAndBodyUntouched)
 {
     char sentinel = 0;
     p_.body = slab_body(kBody);
     p_.title = &sentinel;
-    slab_fail_after(0);
+    slab_fail_after(GetParam());
     p_.feed = kdx_parse_feed(200, "http://h/", "text/xml", &p_.body, &p_.title);
     EXPECT_EQ(p_.feed, nullptr);
     EXPECT_EQ(p_.title, &sentinel);
@@ -201,31 +205,7 @@ TEST_F(Load, NoMemoryForNodeLeavesTitleUntouched)
     p_.title = nullptr;
 }
 
-TEST_F(Load, NoMemoryForDeclaration)
-{
-    char sentinel = 0;
-    p_.body = slab_body(kBody);
-    p_.title = &sentinel;
-    slab_fail_after(1);
-    p_.feed = kdx_parse_feed(200, "http://h/", "text/xml", &p_.body, &p_.title);
-    EXPECT_EQ(p_.feed, nullptr);
-    EXPECT_EQ(p_.title, &sentinel);
-    EXPECT_EQ(std::string(p_.body), kBody);
-    p_.title = nullptr;
-}
-
-TEST_F(Load, NoMemoryForEnlargingBodyKeepsBody)
-{
-    char sentinel = 0;
-    p_.body = slab_body(kBody);
-    p_.title = &sentinel;
-    slab_fail_after(2);
-    p_.feed = kdx_parse_feed(200, "http://h/", "text/xml", &p_.body, &p_.title);
-    EXPECT_EQ(p_.feed, nullptr);
-    EXPECT_EQ(p_.title, &sentinel);
-    EXPECT_EQ(std::string(p_.body), kBody);
-    p_.title = nullptr;
-}
+INSTANTIATE_TEST_SUITE_P(Load, LoadNoMemory, ::testing::Values(0L, 1L, 2L));
 
 TEST_F(Load, EveryLaterAllocationFailureIsSurvived)
 {

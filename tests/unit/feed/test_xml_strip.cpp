@@ -63,6 +63,19 @@ TEST_F(Strip, DecimalReferences)
     EXPECT_EQ(strip("&#99999999999999999999;"), "\xB7");
 }
 
+TEST_F(Strip, HashWithoutDigitGoesToTheLookup)
+{
+    EXPECT_EQ(strip("&#;&#a1;"), "&#;&#a1;");
+    // atoi reads the leading digits only.
+    EXPECT_EQ(strip("&#65xyz;"), "A");
+}
+
+TEST_F(Strip, UnknownEntitySearchResumesAfterItsAmpersand)
+{
+    // "x&amp" is unknown; the "&" inside it then starts a known one.
+    EXPECT_EQ(strip("&x&amp;;"), "&x&;");
+}
+
 TEST_F(Strip, HexadecimalReferenceStaysAsWritten)
 {
     EXPECT_EQ(strip("&#x41;"), "&#x41;");
@@ -84,6 +97,8 @@ TEST_F(Strip, LineBreak)
     EXPECT_EQ(strip("a<br/>b"), "ab");
     EXPECT_EQ(strip("a<br />b"), "ab");
     EXPECT_EQ(strip("a<BR>b"), "ab");
+    EXPECT_EQ(strip("a<br >b"), "ab");
+    EXPECT_EQ(strip("a<br class=\"x\">b"), "ab");
 }
 
 TEST_F(Strip, EscapedMarkupIsRemovedAsTags)
@@ -156,6 +171,22 @@ TEST_F(Strip, ImageSrcForms)
     EXPECT_STREQ(item_->images->next->url, "d.png/");
     EXPECT_STREQ(item_->images->next->next->url, "b.png");
     EXPECT_STREQ(item_->images->next->next->next->url, "a.png");
+}
+
+TEST_F(Strip, SrcIsOnlySearchedInsideTheImgTag)
+{
+    EXPECT_EQ(strip("<img alt=x>src=\"o.png\""), "src=\"o.png\"");
+    EXPECT_EQ(item_->images, nullptr);
+    strip("<img alt=\">\" src=\"q.png\">");
+    ASSERT_NE(item_->images, nullptr);
+    EXPECT_STREQ(item_->images->url, "q.png");
+}
+
+TEST_F(Strip, ImagesAlreadyHeldByTheItemCountForDuplicates)
+{
+    strip("<img src=\"http://h/a.png\">");
+    EXPECT_EQ(strip(" <img src=\"http://h/a\"> x"), "  x");
+    EXPECT_EQ(count_list(item_->images), 1);
 }
 
 TEST_F(Strip, ImgWithoutWhitespaceOrSrcGivesNoImage)

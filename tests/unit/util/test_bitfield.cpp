@@ -263,7 +263,7 @@ TEST_F(Bitfield, ShiftDoesNotShrinkLongerArray)
     EXPECT_EQ(str(f_), "020202");
 }
 
-TEST_F(Bitfield, ShiftByMultipleOfEightWithCountMultipleOfEightClearsLastByte)
+TEST_F(Bitfield, ShiftWithCountMultipleOfEightClearsLastByte)
 {
     bf_from_string(&f_, "ff");
     bf_shift(&f_, 1, 8);
@@ -296,6 +296,39 @@ TEST_F(Bitfield, CopyDuplicatesBytes)
     EXPECT_EQ(str(d), "0902");
     bf_free(&d);
     bf_copy(nullptr, &f_);
+}
+
+TEST_F(Bitfield, CopyDoesNotReleaseTheDestinationsArray)
+{
+    bf_from_string(&f_, "01");
+    bitfield d;
+    bf_init(&d);
+    bf_from_string(&d, "ffff");
+    uint8_t *held = d.bits;
+    size_t live = slab_live_count();
+    bf_copy(&d, &f_);
+    EXPECT_EQ(slab_live_count(), live + 1);
+    EXPECT_EQ(d.len, 1u);
+    EXPECT_EQ(str(d), "01");
+    EXPECT_EQ(held[0], 0xff); // still the other owner's, untouched
+    slab_cbcontext_free(held, SLAB_TAG);
+    bf_free(&d);
+}
+
+TEST_F(Bitfield, CopyWithoutDestinationAllocatesNothing)
+{
+    bf_from_string(&f_, "0902");
+    size_t live = slab_live_count();
+    bf_copy(nullptr, &f_);
+    EXPECT_EQ(slab_live_count(), live);
+}
+
+TEST_F(Bitfield, ShiftBySeveralBytesLeavesLowBytes)
+{
+    bf_from_string(&f_, "0102");
+    bf_shift(&f_, 16, 20);
+    // Grown to 3 bytes; bytes 0 and 1 move up by two, only one fits.
+    EXPECT_EQ(str(f_), "010201");
 }
 
 TEST(BitfieldDeath, FromStringNeedsBitfield)

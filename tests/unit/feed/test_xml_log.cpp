@@ -1,0 +1,181 @@
+// Log lines of the feed parser: each message with its priority, written only
+// once the verbosity reaches its threshold.
+#include "tests/unit/feed/xml_fixture.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "util/kd_log.h"
+
+namespace {
+
+struct log_line {
+    int prio;
+    std::string text;
+};
+
+std::vector<log_line> &lines()
+{
+    static std::vector<log_line> v;
+    return v;
+}
+
+} // namespace
+
+// The parser logs through syslog(); this definition takes the calls of the
+// whole test program so the lines can be read back.
+extern "C" void syslog(int prio, const char *fmt, ...)
+{
+    char buf[2048];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    lines().push_back({prio, buf});
+}
+
+namespace {
+
+const std::string kGood = rss("<item><title>A</title></item><item><title>B</title></item>");
+const std::string kBroken = rss("<item><title>A</title></item><item><title>B");
+// Without a declaration, so that one is built and inserted.
+const std::string kBare = "<rss><channel><item><title>A</title></item></channel></rss>";
+
+class Log : public XmlTest {
+protected:
+    void SetUp() override
+    {
+        XmlTest::SetUp();
+        lines().clear();
+    }
+    void TearDown() override
+    {
+        verbosity = 0;
+        XmlTest::TearDown();
+    }
+    // Parses doc at verbosity v and returns the lines it logged.
+    std::vector<log_line> at(uint32_t v, const std::string &doc, int status = 200)
+    {
+        lines().clear();
+        verbosity = v;
+        p_.release();
+        p_ = parse_doc(doc, status);
+        verbosity = 0;
+        return lines();
+    }
+    static int count(const std::vector<log_line> &l, const std::string &text, int prio)
+    {
+        int n = 0;
+        for (const auto &x : l)
+            n += x.text == text && x.prio == prio;
+        return n;
+    }
+    static int count_prefix(const std::vector<log_line> &l, const std::string &prefix, int prio)
+    {
+        int n = 0;
+        for (const auto &x : l)
+            n += x.text.starts_with(prefix) && x.prio == prio;
+        return n;
+    }
+};
+
+TEST_F(Log, XmlErrorIsAnErrorFromVerbosityOne)
+{
+    EXPECT_TRUE(at(0, kBroken).empty());
+    auto l = at(1, kBroken);
+    EXPECT_GE(count_prefix(l, "xml error: ", LOG_ERR), 1);
+    EXPECT_EQ(p_.feed, nullptr);
+}
+
+TEST_F(Log, XmlErrorCarriesTheLoadersMessage)
+{
+    verbosity = 1;
+    kdx_xml_error("Mismatched close tag");
+    verbosity = 0;
+    kdx_xml_error("not written");
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_EQ(lines()[0].text, "xml error: Mismatched close tag");
+    EXPECT_EQ(lines()[0].prio, LOG_ERR);
+}
+
+void other_error_callback(const char *) {}
+
+TEST_F(Log, EveryParseRegistersTheErrorCallback)
+{
+    mxmlSetErrorCallback(other_error_callback);
+    auto l = at(1, kBroken, 2);
+    EXPECT_GE(count_prefix(l, "xml error: ", LOG_ERR), 1);
+    ASSERT_NE(p_.feed, nullptr);
+    EXPECT_EQ(p_.items().size(), 1u);
+}
+
+TEST_F(Log, FoundItemsIsADebugLineFromVerbosityThree)
+{
+    auto l = at(2, kGood);
+    EXPECT_EQ(count_prefix(l, "[kddbg]", LOG_DEBUG), 0);
+    l = at(3, kGood);
+    EXPECT_EQ(count(l, "[kddbg] found 2 items in feed", LOG_DEBUG), 1);
+    // A truncated download counts the items completed before the error.
+    l = at(3, kBroken, 2);
+    EXPECT_EQ(count(l, "[kddbg] found 1 items in feed", LOG_DEBUG), 1);
+    // A refused complete document reports no count.
+    l = at(4, kBroken, 200);
+    EXPECT_EQ(count_prefix(l, "[kddbg]", LOG_DEBUG), 0);
+}
+
+TEST_F(Log, ItemWithoutTitleIsANoticeFromVerbosityTwo)
+{
+    const std::string doc = rss("<item><description>d</description></item>");
+    EXPECT_TRUE(at(1, doc).empty());
+    auto l = at(2, doc);
+    EXPECT_EQ(count(l, "items without a title are ignored", LOG_NOTICE), 1);
+    EXPECT_TRUE(p_.items().empty());
+}
+
+TEST_F(Log, TitleWithoutTextIsAWarningFromVerbosityTwo)
+{
+    const std::string doc = rss("<item><title><b>x</b></title></item><item><title/></item>");
+    const std::string msg = "kdx_new_node_from_rss(): element contains no opaque string and no CDATA";
+    EXPECT_TRUE(at(1, doc).empty());
+    auto l = at(2, doc);
+    EXPECT_EQ(count(l, msg, LOG_WARNING), 2);
+    EXPECT_TRUE(p_.items().empty());
+}
+
+struct memory_case {
+    long fail_after;
+    const char *message;
+};
+
+class LogMemory : public Log, public ::testing::WithParamInterface<memory_case> {};
+
+TEST_P(LogMemory, ExhaustedMemoryIsCriticalFromVerbosityOne)
+{
+    for (uint32_t v : {0u, 1u}) {
+        lines().clear();
+        verbosity = v;
+        p_.release();
+        p_.body = slab_body(kBare);
+        slab_fail_after(GetParam().fail_after);
+        p_.feed = kdx_parse_feed(200, "http://h/", "text/xml", &p_.body, &p_.title);
+        slab_fail_after(-1);
+        verbosity = 0;
+        EXPECT_EQ(p_.feed, nullptr);
+        EXPECT_EQ(p_.title, nullptr);
+        if (v == 0) {
+            EXPECT_TRUE(lines().empty());
+            continue;
+        }
+        ASSERT_EQ(lines().size(), 1u);
+        EXPECT_EQ(lines()[0].text, GetParam().message);
+        EXPECT_EQ(lines()[0].prio, LOG_CRIT);
+    }
+}
+
+// Allocations in order: the node, the declaration, the enlarged body.
+INSTANTIATE_TEST_SUITE_P(Log, LogMemory,
+                         ::testing::Values(memory_case{0, "local memory exhausted (temporary feed node)"},
+                                           memory_case{1, "local memory exhausted (XML declaration)"},
+                                           memory_case{2, "local memory exhausted (enlarging body)"}));
+
+} // namespace
