@@ -128,7 +128,7 @@ TEST_F(timers_test, QueuedUrlChangeRefreshOfAFreedRecordIsDropped)
 
 TEST_F(timers_test, QueuedRefreshIsDroppedWhenConfigdGoesAway)
 {
-    merge_rss(kBase);
+    merge_rss(doc_with(entry("1", kUrlA), profile("1", item("1"))));
     login("rss", 1); // queues the immediate first refresh
     uint32_t runs = g_refresh_count;
     kd_configd_closed(nullptr, nullptr);
