@@ -24,6 +24,8 @@ int entity_value(char *name, char *end)
 {
     if (name[0] == '#' && name[1] >= '0' && name[1] <= '9') {
         long v = strtol(name + 1, nullptr, 10); // stops at the ";"
+        // A number too big for an int is still just a character beyond
+        // ISO 8859-1, never a wrapped small byte or a 0 that ends the text.
         return v > INT_MAX ? INT_MAX : static_cast<int>(v);
     }
     *end = '\0';

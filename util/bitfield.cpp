@@ -26,7 +26,8 @@ void bf_free(bitfield *f)
 
 int bf_grow(bitfield *f, uint32_t newlen)
 {
-    // Only ever enlarges; a smaller or equal length keeps the marks as they are.
+    // Only ever enlarges: copying the old bytes into a smaller array would
+    // write past it, so a smaller or equal length keeps the marks as they are.
     if (newlen <= f->len)
         return 1;
     auto *bits = static_cast<uint8_t *>(kd_calloc(newlen, 1));
@@ -108,6 +109,8 @@ void bf_copy(bitfield *dst, const bitfield *src)
 // Moves whole bytes up; the bytes left below keep their old values on purpose.
 static void bf_shift_bytes(bitfield *f, uint32_t nbytes)
 {
+    // A distance past the whole array moves nothing (the byte count to move
+    // would be negative); every byte then stays as it was, like those below.
     if (nbytes >= f->len)
         return;
     memmove(f->bits + nbytes, f->bits, f->len - nbytes);
