@@ -128,6 +128,31 @@ def test_redirect_chain_absolute_and_site_relative_on_other_port(ns):
     assert "Location" not in err
 
 
+def test_site_relative_redirect_on_port_80_names_no_port(ns):
+    def handler(req, conn):
+        if b" /a " in req:
+            conn.sendall(b"HTTP/1.1 301 Moved\r\nLocation: /b?x=1\r\n\r\n")
+        else:
+            conn.sendall(OK + b"\r\nfrom b")
+    srv = ns.serve_http(handler, port=80)
+    rc, body, err = httpget(ns, "feeds.test/a")
+    assert (rc, body, result_code(err)) == (0, b"from b", 200)
+    assert srv.requests == [expected_request("/a", "feeds.test"),
+                            expected_request("/b?x=1", "feeds.test")]
+
+
+def test_location_matching_the_tail_of_a_followed_target_ends_the_chain(ns):
+    def handler(req, conn):
+        target = b"http://feeds.test/b" if b" /a " in req else b"feeds.test/b"
+        conn.sendall(b"HTTP/1.1 302 Found\r\nLocation: %s\r\n\r\nstop" % target)
+    srv = ns.serve_http(handler, port=80)
+    rc, body, err = httpget(ns, "http://feeds.test/a")
+    assert (body, result_code(err)) == (b"stop", 302)
+    # "feeds.test/b" ends the target "http://feeds.test/b" already followed.
+    assert [r.split(b" ")[1] for r in srv.requests] == [b"/a", b"/b"]
+    assert "Location: feeds.test/b\n" in err
+
+
 def test_redirect_loop_ends_with_the_redirect_code(ns):
     def handler(req, conn):
         target = b"/b" if b" /a " in req else b"/a"
