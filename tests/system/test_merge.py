@@ -6,7 +6,11 @@ import os
 import re
 import signal
 
+import configd_wire as w
+from kelpd_helpers import start as start_kelpd
+
 CTL = "/var/tmp/me_kelpd_daemon.ctl"
+INFO, DEBUG = 6, 7
 URL_A = "http://feeds.test/a.xml"
 URL_B = "http://feeds.test/b.xml"
 
@@ -150,7 +154,8 @@ def test_logout_of_the_only_subscriber_stops_the_poll(ns):
     assert c.login(2).startswith("OK\t")
     ns.syslog.wait_for("start 1200s poll on: " + URL_B)
     assert c.logout(2) == "OK\tlogout\tdomain:rss\tprofile_id:2"
-    ns.syslog.wait_for("stop poll on: " + URL_B)
+    assert ns.syslog.wait_for(re.compile(r"^unlinking profile 2 from connection on sd \d+$")).prio == DEBUG
+    assert ns.syslog.wait_for("stop poll on: " + URL_B).prio == DEBUG
     assert ns.alive(pid)
 
 
@@ -193,3 +198,18 @@ def test_bad_references_are_logged_and_the_rest_merged(ns):
     text, _ = dump(ns, pid)
     assert "[Radio] " + URL_B in rss_part(text)
     assert "[News]" not in rss_part(text)
+
+
+def test_profile_without_id_is_passed_over(ns):
+    rss = doc(ENTRIES, profile(1, 1) + '<profile><item entry="2" /></profile>' + profile(3, 2))
+    fake = w.FakeConfigd(ns, {"rss": rss, "podcast": BASE})
+    pid = start_kelpd(ns, "-vvvv")
+    assert ns.syslog.wait_for("found profile node without id - ignored").prio == INFO
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    c = Client(ns)
+    assert c.login(3).startswith("OK\t")  # the profile after it was adopted
+    ns.syslog.wait_for("start 1200s poll on: " + URL_B)
+    _, lines = dump(ns, pid)
+    assert "  [rss] profile 3" in lines
+    assert ns.alive(pid)
+    fake.close()
