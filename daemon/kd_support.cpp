@@ -19,24 +19,26 @@ namespace {
 
 enum class kd_wait { done, timed_out, fallback };
 
-// The leading number of the pid file, or -1 when there is none to read.
-int read_pid()
+// The leading number of the pid file into `pid`; false when there is none
+// to read (any number, even a negative one, goes on to the /proc check).
+bool read_pid(int &pid)
 {
     char path[32];
     snprintf(path, sizeof(path), "%s/%s", KD_RUN_DIR, KD_PID_FILE);
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         fprintf(stderr, "unable to open kelpd lockfile: %s\n", strerror(errno));
-        return -1;
+        return false;
     }
     char buf[8] = "";
     ssize_t n = read(fd, buf, 7);
     close(fd);
     if (n <= 0) {
         fprintf(stderr, "unable to read kelpd pid from lockfile\n");
-        return -1;
+        return false;
     }
-    return atoi(buf);
+    pid = atoi(buf);
+    return true;
 }
 
 // A pid file may outlive its daemon and the pid be reused: check the name.
@@ -122,8 +124,8 @@ kd_wait wait_for_dump(int fd, int wd)
 
 int create_supportdata(void)
 {
-    int pid = read_pid();
-    if (pid < 0 || !is_kelpd(pid))
+    int pid = 0;
+    if (!read_pid(pid) || !is_kelpd(pid))
         return 1;
     // The watch needs the file to exist before the daemon writes it.
     int created = open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640);
