@@ -29,6 +29,8 @@ int kd_scan_args(int argc, char **argv)
     return 0;
 }
 
+// Logging here is safe only because the served signals are unblocked solely
+// inside csock_select's wait, never while the loop itself is in syslog().
 void signal_handler(int32_t sig)
 {
     switch (sig) {

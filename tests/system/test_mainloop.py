@@ -6,7 +6,7 @@ import signal
 import stat
 
 import configd_wire
-from kelpd_helpers import DOC, DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
+from kelpd_helpers import CTL, DOC, DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
 
 COURTESY = "SIGUSR2 usage courtesy of jov :)"
 
@@ -210,3 +210,83 @@ def test_create_supportdata_reads_only_31_bytes_of_the_command_line(ns):
     assert cp.stderr == "cmdline of pid %d is not 'kelpd' - lockfile seems to be stale\n" % pid
     assert ns.alive(pid)
     assert not os.path.exists(ns.path(DUMP))
+
+
+def stopped(ns, pid):
+    with open(ns.path("/proc/%d/stat" % pid)) as f:
+        return f.read().rsplit(")", 1)[1].split()[0] == "T"
+
+
+def test_signals_arriving_together_are_all_served(ns):
+    # Stopped in its wait, the daemon finds both signals pending at once.
+    ns.silent_configd()
+    pid = start(ns, "-vv")
+    ns.signal(pid, signal.SIGSTOP)
+    ns._wait_until(lambda: stopped(ns, pid), 15, "daemon stopped")
+    ns.signal(pid, signal.SIGHUP)
+    ns.signal(pid, signal.SIGUSR2)
+    ns.signal(pid, signal.SIGCONT)
+    ns.syslog.wait_for("verbosity set to: 3")
+    ns.syslog.wait_for("Podcast structure:")
+    assert ns.syslog.count("received hangup signal") == 1
+    assert ns.syslog.count("received user2 signal") == 1
+    assert ns.syslog.count(COURTESY) == 1
+    assert read(ns, DUMP) == "RSS pool:\nPodcast pool:\n"
+    assert ns.alive(pid)
+
+
+def empty_doc_daemon(ns, verbosity):
+    empty = '<?xml version="1.0"?><pool /><profiles><profile id="1" /></profiles>'
+    start_with_config(ns, doc=empty)
+    return start(ns, verbosity)
+
+
+def marker(ns):
+    ns.run(["logger", "-u", "/dev/log", "-t", "marker", "end"])
+    ns.syslog.wait_for("end", ident="marker")
+
+
+def test_empty_configuration_ends_silently_below_verbosity_two(ns):
+    pid = empty_doc_daemon(ns, "-v")
+    assert ns.wait_exit(pid) == 0
+    marker(ns)
+    assert lines(ns) == []
+
+
+def test_empty_configuration_reason_at_verbosity_two(ns):
+    pid = empty_doc_daemon(ns, "-vv")
+    assert ns.wait_exit(pid) == 0
+    ns.syslog.wait_for("shutting down with exit code 0")
+    rec = [r for r in ns.syslog.records("kelpd") if r.text == "configuration is empty"]
+    assert len(rec) == 1 and rec[0].prio == 6
+    assert not has(ns, "last client disconnected")
+
+
+def client_session(ns):
+    """One client that logs in and leaves."""
+    s = ns.connect_unix(CTL)
+    s.settimeout(15)
+    s.send(b"login\tv:3\tdomain:rss\tprofile_id:1")
+    while not s.recv(1 << 16).startswith(b"OK\tlogin\t"):
+        pass
+    s.close()
+
+
+def test_last_client_gone_ends_silently_below_verbosity_two(ns):
+    start_with_config(ns)
+    pid = start(ns, "-v")
+    client_session(ns)
+    assert ns.wait_exit(pid) == 0
+    marker(ns)
+    assert lines(ns) == []
+
+
+def test_last_client_gone_reason_at_verbosity_two(ns):
+    start_with_config(ns)
+    pid = start(ns, "-vv")
+    client_session(ns)
+    assert ns.wait_exit(pid) == 0
+    ns.syslog.wait_for("shutting down with exit code 0")
+    rec = [r for r in ns.syslog.records("kelpd") if r.text == "last client disconnected"]
+    assert len(rec) == 1 and rec[0].prio == 6
+    assert not has(ns, "configuration is empty")

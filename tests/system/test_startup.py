@@ -230,3 +230,43 @@ def test_second_instance_beside_a_configured_daemon(ns):
     ns.signal(first, signal.SIGTERM)
     assert ns.wait_exit(first) == 0
     assert not os.path.exists(ns.path(PIDFILE))
+
+
+def test_inherited_descriptors_are_closed_up_to_the_table_size(ns):
+    import resource
+    import subprocess
+    ns.silent_configd()
+    path = os.path.join(ns.tmp, "inherited")
+    low = os.open(path, os.O_CREAT | os.O_RDWR)
+    top = resource.getrlimit(resource.RLIMIT_NOFILE)[0] - 1
+    os.dup2(low, top, inheritable=True)
+    try:
+        p = ns.spawn([kelpd(ns), "-v"], pass_fds=(low, top), stdout=subprocess.PIPE, text=True)
+        out = p.communicate(timeout=15)[0]
+    finally:
+        os.close(top)
+        os.close(low)
+    pid = int(re.fullmatch(r"kelpd started with pid \[(\d+)\]\n", out).group(1))
+    ns._wait_until(lambda: ns.pidfile_pid() == pid, 15, "pid file")
+    assert path not in open_fds(ns, pid)
+    assert ns.alive(pid)
+
+
+def test_fork_failure_is_reported_on_stderr(ns):
+    # One process allowed for this user: the daemon's own fork fails.
+    cp = ns.run(["prlimit", "--nproc=1:1", "setpriv", "--reuid=54321", "--regid=54321", "--clear-groups",
+                 kelpd(ns), "-vv"])
+    assert (cp.returncode, cp.stdout) == (255, "")
+    assert cp.stderr == "unable to fork(): Resource temporarily unavailable\n"
+    ns.syslog.wait_for("shutting down with exit code -1")
+    assert not has(ns, "kelpd starting")
+    assert not os.path.exists(ns.path(PIDFILE))
+
+
+def test_no_descriptor_left_for_the_control_socket(ns):
+    # Five descriptors: /dev/null three times, the log and the pid file.
+    cp = ns.run(["prlimit", "--nofile=5:5", kelpd(ns), "-v"])
+    pid = int(re.fullmatch(r"kelpd started with pid \[(\d+)\]\n", cp.stdout).group(1))
+    assert ns.wait_exit(pid) == 254
+    rec = ns.syslog.wait_for("error getting socket(): Too many open files")
+    assert rec.prio == 2 and rec.pid == pid
