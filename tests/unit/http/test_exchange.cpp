@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -445,6 +446,46 @@ TEST_F(ExchangeTest, PeerResettingDuringTheRequestIsNoConnection)
     int rc = httpcli_get(&ctx, srv.base().c_str(), &resp, &res);
     http_extra_headers = saved;
     EXPECT_EQ(rc, 1);
+}
+
+TEST_F(ExchangeTest, BrokenTimeOutDoesNotWaitForever)
+{
+    script s;
+    s.hang = true;
+    scripted_server srv({s});
+    for (float t : {-1.0f, std::numeric_limits<float>::quiet_NaN(), -std::numeric_limits<float>::infinity()}) {
+        ctx.timeout = t;
+        EXPECT_EQ(httpcli_get(&ctx, srv.base().c_str(), &resp, &res), 1) << t;
+        release();
+    }
+}
+
+TEST_F(ExchangeTest, NoMemoryForTheUriRecordEndsBeforeConnecting)
+{
+    scripted_server srv({{{"HTTP/1.1 200 OK\r\n\r\nunused"}}});
+    slab_fail_after(0);
+    int rc = http_request(&ctx, srv.base().c_str(), &resp, &res);
+    slab_fail_after(-1);
+    EXPECT_EQ(rc, 1);
+    EXPECT_EQ(srv.requests().size(), 0u);
+    EXPECT_EQ(resp.start, nullptr);
+}
+
+TEST_F(ExchangeTest, RecordsAllocatedByTheClientItselfAreReleased)
+{
+    scripted_server srv({{{"HTTP/1.1 302 Found\r\nLocation: /x\r\nContent-Type: t\r\n\r\nbody"}}});
+    ASSERT_EQ(http_request(&ctx, srv.base().c_str(), nullptr, nullptr), 302);
+    EXPECT_EQ(slab_live_count(), live);
+    int failed = 0;
+    for (long k = 0; k < 16; k++) {
+        slab_fail_after(k);
+        int rc = http_request(&ctx, srv.base().c_str(), nullptr, nullptr);
+        slab_fail_after(-1);
+        EXPECT_TRUE(rc == 1 || rc == 3 || rc == 302) << "k=" << k << " rc=" << rc;
+        failed += rc != 302;
+        EXPECT_EQ(slab_live_count(), live) << "k=" << k;
+    }
+    EXPECT_GT(failed, 3);
 }
 
 TEST_F(RedirTest, StackHoldsEachSiteRelativeTargetWithItsPort)

@@ -200,6 +200,13 @@ TEST_F(ResponseTest, HeadersCaseInsensitiveLastWins)
     EXPECT_EQ(body(), "B");
 }
 
+TEST_F(ResponseTest, ValueStartsAfterAnyWhiteSpace)
+{
+    EXPECT_EQ(strip("HTTP/1.1 200 OK\r\nContent-Type:\f\v\t text/xml \r\nLocation:/x\r\n\r\n"), 200);
+    EXPECT_STREQ(res.content_type, "text/xml ");
+    EXPECT_STREQ(res.location, "/x");
+}
+
 TEST_F(ResponseTest, FoldedHeaderValueKeepsFolding)
 {
     EXPECT_EQ(strip("HTTP/1.1 200 OK\r\nContent-Type: text/xml;\r\n charset=utf-8\r\n\r\nB"), 200);
