@@ -197,8 +197,12 @@ def test_daemon_detached_with_null_stdio_and_own_session(ns):
     ignored = int(status["SigIgn"], 16)
     for sig in (signal.SIGCHLD, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU):
         assert ignored & (1 << (sig - 1))
-    # SIGUSR1 keeps its default.
-    assert not ignored & (1 << (signal.SIGUSR1 - 1))
+    # SIGHUP, SIGTERM and SIGUSR2 are caught; SIGUSR1 and SIGPIPE keep their default.
+    caught = int(status["SigCgt"], 16)
+    for sig in (signal.SIGHUP, signal.SIGTERM, signal.SIGUSR2):
+        assert caught & (1 << (sig - 1))
+    for sig in (signal.SIGUSR1, signal.SIGPIPE):
+        assert not (ignored | caught) & (1 << (sig - 1))
 
 
 def test_lock_survives_heavy_logging(ns):
@@ -270,3 +274,23 @@ def test_no_descriptor_left_for_the_control_socket(ns):
     assert ns.wait_exit(pid) == 254
     rec = ns.syslog.wait_for("error getting socket(): Too many open files")
     assert rec.prio == 2 and rec.pid == pid
+
+
+def test_no_descriptor_left_for_the_multiplexer(ns):
+    # A sixth descriptor for the socket, none for the multiplexer's own.
+    cp = ns.run(["prlimit", "--nofile=6:6", kelpd(ns), "-v"])
+    pid = int(re.fullmatch(r"kelpd started with pid \[(\d+)\]\n", cp.stdout).group(1))
+    assert ns.wait_exit(pid) == 254
+    rec = ns.syslog.wait_for("error listening on local socket (/var/tmp/me_kelpd_daemon.ctl)")
+    assert rec.prio == 2 and rec.pid == pid
+
+
+def test_missing_dev_null_is_no_obstacle(ns):
+    os.unlink(ns.path("/dev/null"))
+    ns.silent_configd()
+    pid = start(ns, "-vv")
+    ns.connect_unix(CTL).close()
+    assert ns.wait_exit(pid) == 0
+    ns.syslog.wait_for("shutting down with exit code 0")
+    assert has(ns, "last client disconnected")
+    assert not has(ns, re.compile("error .*|unable .*"))
