@@ -43,10 +43,9 @@ struct exchange {
     }
 };
 
-// Waits until fd is readable or writable; false on time-out, failure, or
-// when the socket is not the one reported.
-// A signal interrupting the wait ends it like a time-out: the exchange ends
-// with what has arrived.
+// Waits until fd is readable or writable; false on time-out, failure (a
+// signal too: the exchange ends with what has arrived), or when the socket is
+// not the one reported.
 bool wait_for(const httpcli_ctx *ctx, int fd, bool writable)
 {
     if (fd >= FD_SETSIZE) // select cannot watch it without overrunning the set

@@ -12,7 +12,8 @@ namespace {
 
 char *copy(std::string_view s) { return kd_strndup(s.data(), s.size()); }
 
-// Digits right after the colon; anything else ends the number.
+// Digits right after the colon; anything else ends the number, and so does a
+// length that would overflow (the port is taken modulo 65536 anyway).
 int32_t parse_port(std::string_view s)
 {
     int32_t port = 0;
