@@ -1,4 +1,5 @@
 """Shared steps of the kelpd system tests."""
+import errno
 import os
 import re
 
@@ -59,3 +60,19 @@ def lines(ns, ident="kelpd"):
 
 def has(ns, text):
     return any(re.fullmatch(text, t) if isinstance(text, re.Pattern) else t == text for t in lines(ns))
+
+
+def connect(ns, timeout=15):
+    """A client connection to the control socket, once the daemon listens on
+    it (the pid file is written before the socket exists)."""
+    box = []
+
+    def attempt():
+        try:
+            box.append(ns.connect_unix(CTL))
+        except OSError as e:
+            if e.errno not in (errno.ENOENT, errno.ECONNREFUSED):
+                raise
+        return bool(box)
+    ns._wait_until(attempt, timeout, "control socket")
+    return box[0]

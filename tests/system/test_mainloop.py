@@ -6,7 +6,7 @@ import signal
 import stat
 
 import configd_wire
-from kelpd_helpers import CTL, DOC, DUMP, PIDFILE, has, kelpd, kelpd_at, lines, read, start, start_with_config
+from kelpd_helpers import DOC, DUMP, PIDFILE, connect, has, kelpd, kelpd_at, lines, read, start, start_with_config
 
 COURTESY = "SIGUSR2 usage courtesy of jov :)"
 
@@ -264,7 +264,7 @@ def test_empty_configuration_reason_at_verbosity_two(ns):
 
 def client_session(ns):
     """One client that logs in and leaves."""
-    s = ns.connect_unix(CTL)
+    s = connect(ns)
     s.settimeout(15)
     s.send(b"login\tv:3\tdomain:rss\tprofile_id:1")
     while not s.recv(1 << 16).startswith(b"OK\tlogin\t"):
