@@ -4,10 +4,15 @@
 // charset), the SAX callback that builds one kd_item per "item"/"entry", the
 // HTML-to-text stripping of titles and bodies, and publication-date parsing.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include <mxml.h>
 
 #include "feed/kd_node.h"
+
+// Longest string copied out of a feed document: bounds what one hostile item
+// can make the daemon hold.
+inline constexpr size_t kdx_copy_limit = 4096;
 
 // State of one parse, handed to the SAX callback.
 struct kdx_parse_state {

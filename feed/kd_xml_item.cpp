@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr size_t kMaxCopy = 4096;
 constexpr char kCdata[] = "![CDATA[";
 constexpr size_t kCdataLen = sizeof(kCdata) - 1;
 
@@ -64,14 +63,14 @@ void take_feed_title(mxml_node_t *title, kdx_parse_state *st)
         return;
     const char *text = opaque_text(title);
     if (text)
-        st->title = kd_strndup(text, kMaxCopy);
+        st->title = kd_strndup(text, kdx_copy_limit);
 }
 
 // Title of the item from its "title" element; false when the item is dropped.
 bool set_title(kd_item *item, mxml_node_t *title)
 {
     if (const char *text = opaque_text(title)) {
-        item->title = kd_strndup(text, kMaxCopy);
+        item->title = kd_strndup(text, kdx_copy_limit);
         if (item->title)
             item->hash = fnv_hash(item->title);
         return item->title != nullptr;
@@ -82,12 +81,12 @@ bool set_title(kd_item *item, mxml_node_t *title)
                "kdx_new_node_from_rss(): element contains no opaque string and no CDATA");
         return false;
     }
-    char *tmp = kd_strndup(section, kMaxCopy);
+    char *tmp = kd_strndup(section, kdx_copy_limit);
     if (!tmp)
         return false;
     cut_brackets(tmp);
     kdx_strip_html_tags(item, tmp);
-    item->title = kd_strndup(tmp, kMaxCopy); // hash stays 0 for CDATA titles
+    item->title = kd_strndup(tmp, kdx_copy_limit); // hash stays 0 for CDATA titles
     kd_free(tmp);
     return item->title != nullptr;
 }
@@ -102,13 +101,13 @@ void set_body(kd_item *item, mxml_node_t *element)
     if (!body)
         return;
     if (const char *text = opaque_text(body)) {
-        item->body = kd_strndup(text, kMaxCopy);
+        item->body = kd_strndup(text, kdx_copy_limit);
         if (item->body)
             kdx_strip_html_tags(item, item->body);
         return;
     }
     if (char *section = cdata_text(body)) {
-        item->body = kd_strndup(section, kMaxCopy);
+        item->body = kd_strndup(section, kdx_copy_limit);
         if (!item->body)
             return;
         kdx_strip_html_tags(item, item->body);
@@ -135,7 +134,7 @@ void set_guid(kd_item *item, mxml_node_t *element)
         guid = child(element, "id");
     const char *text = guid ? opaque_text(guid) : nullptr;
     if (text)
-        item->guid = kd_strndup(text, kMaxCopy);
+        item->guid = kd_strndup(text, kdx_copy_limit);
 }
 
 void set_date(kd_item *item, mxml_node_t *element)
@@ -239,8 +238,8 @@ void add_attachment(kd_item *item, mxml_node_t *match, const char *urlattr)
     auto *a = static_cast<kd_attachment *>(kd_calloc(1, sizeof(kd_attachment)));
     if (!a)
         return;
-    a->type = type ? kd_strndup(type, kMaxCopy) : nullptr;
-    a->url = url ? kd_strndup(url, kMaxCopy) : nullptr;
+    a->type = type ? kd_strndup(type, kdx_copy_limit) : nullptr;
+    a->url = url ? kd_strndup(url, kdx_copy_limit) : nullptr;
     a->next = *list;
     *list = a;
 }

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr size_t kMaxCopy = 4096;
-
 bool is_space(char c)
 {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
@@ -104,7 +102,7 @@ void add_inline_image(kd_item *item, const char *url, size_t len, uint32_t offse
     auto *a = static_cast<kd_attachment *>(kd_calloc(1, sizeof(kd_attachment)));
     if (!a)
         return;
-    a->url = kd_strndup(url, len < kMaxCopy ? len : kMaxCopy);
+    a->url = kd_strndup(url, len < kdx_copy_limit ? len : kdx_copy_limit);
     a->offset = offset;
     a->next = item->images;
     item->images = a;

@@ -17,8 +17,8 @@ void bf_init(bitfield *f)
 
 void bf_free(bitfield *f)
 {
-    if (!f->bits)
-        return;
+    if (!f || !f->bits)
+        return; // release functions accept null, as everywhere in the daemon
     kd_free(f->bits);
     f->bits = nullptr;
     f->len = 0;

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <string>
 
+#include "feed/kd_xml.h"
 #include "tools/kelp-feedcheck/feedcheck.h"
 
 namespace {
@@ -55,9 +56,9 @@ void print_attachments(const char *label, const kd_attachment *a, bool offsets)
 void print_item(int n, const kd_item *i)
 {
     printf("item %d\n", n);
-    printf("  title: %s\n", one_line(i->title, 4096).c_str());
+    printf("  title: %s\n", one_line(i->title, kdx_copy_limit).c_str());
     printf("  hash: %lu\n", static_cast<unsigned long>(i->hash));
-    printf("  guid: %s\n", i->guid ? one_line(i->guid, 4096).c_str() : "(none)");
+    printf("  guid: %s\n", i->guid ? one_line(i->guid, kdx_copy_limit).c_str() : "(none)");
     printf("  date: %ld (%s)\n", static_cast<long>(i->date), local_time(i->date).c_str());
     if (i->body)
         printf("  body: %zu bytes: %s\n", strlen(i->body), one_line(i->body, kExcerpt).c_str());
@@ -73,7 +74,7 @@ int print_feed(int code, const char *content_type, const char *title, const kd_n
 {
     printf("result: %d%s\n", code, code == 2 ? " (truncated)" : "");
     printf("content-type: %s\n", content_type ? content_type : "(none)");
-    printf("feed title: %s\n", title ? one_line(title, 4096).c_str() : "(none)");
+    printf("feed title: %s\n", title ? one_line(title, kdx_copy_limit).c_str() : "(none)");
     if (!feed) {
         printf("verdict: error parsing xml - try to validate the feed\n");
         return 0;

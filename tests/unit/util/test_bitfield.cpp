@@ -135,8 +135,9 @@ TEST_F(Bitfield, GrowWithoutMemoryLeavesBitfieldUnchanged)
     EXPECT_EQ(str(f_), "a5");
 }
 
-TEST_F(Bitfield, FreeOnEmptyChangesNothing)
+TEST_F(Bitfield, FreeOnEmptyOrNullChangesNothing)
 {
+    bf_free(nullptr);
     bf_free(&f_);
     EXPECT_EQ(f_.bits, nullptr);
     EXPECT_EQ(f_.len, 0u);
