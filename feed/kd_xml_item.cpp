@@ -179,6 +179,23 @@ void append_item(kdx_parse_state *st, kd_item *item)
     st->count++;
 }
 
+// Everything of an item after its title, in this order; parts that are
+// missing or could not be copied stay empty.
+void fill_item(kd_item *item, mxml_node_t *element, const char *feed_url)
+{
+    set_body(item, element);
+    kdx_add_attachments(item, element, "enclosure", "url", nullptr, "url");
+    kdx_add_attachments(item, element, "media:content", "url", nullptr, "url");
+    kdx_add_attachments(item, element, "link", "rel", "enclosure", "href");
+    collect_encoded_images(item, element);
+    set_guid(item, element);
+    set_date(item, element);
+    const char *url = feed_url ? feed_url : "";
+    size_t baselen = base_length(url);
+    make_absolute(item->enclosures, url, baselen);
+    make_absolute(item->images, url, baselen);
+}
+
 void build_item(mxml_node_t *element, kdx_parse_state *st)
 {
     mxml_node_t *title = child(element, "title");
@@ -193,17 +210,7 @@ void build_item(mxml_node_t *element, kdx_parse_state *st)
         kdn_free_item(item);
         return;
     }
-    set_body(item, element);
-    kdx_add_attachments(item, element, "enclosure", "url", nullptr, "url");
-    kdx_add_attachments(item, element, "media:content", "url", nullptr, "url");
-    kdx_add_attachments(item, element, "link", "rel", "enclosure", "href");
-    collect_encoded_images(item, element);
-    set_guid(item, element);
-    set_date(item, element);
-    const char *url = st->url ? st->url : "";
-    size_t baselen = base_length(url);
-    make_absolute(item->enclosures, url, baselen);
-    make_absolute(item->images, url, baselen);
+    fill_item(item, element, st->url);
     append_item(st, item);
 }
 

@@ -114,6 +114,16 @@ bool prepare_body(const char *content_type, char **body)
     return !pad || enlarge_body(body, strlen(*body), 0, pad);
 }
 
+// The title goes to the caller, also after an XML error; dropped when the
+// caller asked for none.
+void hand_over_title(char *title, char **out)
+{
+    if (out)
+        *out = title;
+    else
+        kd_free(title);
+}
+
 } // namespace
 
 void kdx_xml_error(const char *message)
@@ -137,10 +147,7 @@ kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, c
     }
     mxml_node_t *tree = mxmlSAXLoadString(nullptr, *body, MXML_OPAQUE_CALLBACK,
                                           kdx_new_node_from_rss, &st);
-    if (title)
-        *title = st.title;
-    else
-        kd_free(st.title);
+    hand_over_title(st.title, title);
     if (tree) {
         mxmlDelete(tree); // every needed text has been copied into the items
     } else if (status == 200) {
