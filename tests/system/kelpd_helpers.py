@@ -58,6 +58,13 @@ def lines(ns, ident="kelpd"):
     return ns.syslog.texts(ident)
 
 
+def settled_lines(ns, ident="kelpd"):
+    """Every line logged so far: a marker logged now arrives after them."""
+    ns.run(["logger", "-u", "/dev/log", "-t", "marker", "end"])
+    ns.syslog.wait_for("end", ident="marker")
+    return lines(ns, ident)
+
+
 def has(ns, text):
     return any(re.fullmatch(text, t) if isinstance(text, re.Pattern) else t == text for t in lines(ns))
 

@@ -7,7 +7,10 @@ import signal
 import socket
 import stat
 
-from kelpd_helpers import CTL, PIDFILE, connect, has, kelpd, kelpd_at, lines, open_fds, read, start, start_with_config
+import pytest
+
+from kelpd_helpers import (CTL, PIDFILE, connect, has, kelpd, kelpd_at, lines, open_fds, read,
+                           settled_lines, start, start_with_config)
 
 LOCK_MSG = ("unable to lock lockfile kelpd.pid in /var/run "
             "(Is there another kelpd instance still active?)- terminating")
@@ -28,9 +31,7 @@ def test_without_configd_runs_once_and_ends_cleanly(ns):
 def test_verbosity_zero_logs_nothing(ns):
     pid = start(ns)
     assert ns.wait_exit(pid) == 0
-    ns.run(["logger", "-u", "/dev/log", "-t", "marker", "end"])
-    ns.syslog.wait_for("end", ident="marker")
-    assert lines(ns) == []
+    assert settled_lines(ns) == []
 
 
 def test_v_in_program_path_counts(ns):
@@ -70,9 +71,7 @@ def test_create_supportdata_after_vv_starts_no_daemon(ns):
     assert cp.stderr == "unable to open kelpd lockfile: No such file or directory\n"
     assert not os.path.exists(ns.path(PIDFILE))
     assert not os.path.exists(ns.path(CTL))
-    ns.run(["logger", "-u", "/dev/log", "-t", "marker", "end"])
-    ns.syslog.wait_for("end", ident="marker")
-    assert lines(ns) == []
+    assert settled_lines(ns) == []
 
 
 def test_second_instance_fails_while_first_keeps_pid_file(ns):
@@ -108,9 +107,7 @@ def test_lock_failure_at_verbosity_zero_is_silent(ns):
         fcntl.flock(f, fcntl.LOCK_EX)
         pid = start(ns)
         assert ns.wait_exit(pid) == 255
-    ns.run(["logger", "-u", "/dev/log", "-t", "marker", "end"])
-    ns.syslog.wait_for("end", ident="marker")
-    assert lines(ns) == []
+    assert settled_lines(ns) == []
 
 
 def test_pid_file_overwritten_without_truncation(ns):
@@ -273,21 +270,17 @@ def test_fork_failure_is_reported_on_stderr(ns):
     assert not os.path.exists(ns.path(PIDFILE))
 
 
-def test_no_descriptor_left_for_the_control_socket(ns):
-    # Five descriptors: /dev/null three times, the log and the pid file.
-    cp = ns.run(["prlimit", "--nofile=5:5", kelpd(ns), "-v"], env=without_leak_check(ns))
+# Five descriptors: /dev/null three times, the log and the pid file; with a
+# sixth, the socket is made but the multiplexer gets none for itself.
+@pytest.mark.parametrize("limit,message", [
+    (5, "error getting socket(): Too many open files"),
+    (6, "error listening on local socket (/var/tmp/me_kelpd_daemon.ctl)"),
+])
+def test_descriptor_limit_at_the_control_socket(ns, limit, message):
+    cp = ns.run(["prlimit", "--nofile=%d:%d" % (limit, limit), kelpd(ns), "-v"], env=without_leak_check(ns))
     pid = int(re.fullmatch(r"kelpd started with pid \[(\d+)\]\n", cp.stdout).group(1))
     assert ns.wait_exit(pid) == 254
-    rec = ns.syslog.wait_for("error getting socket(): Too many open files")
-    assert rec.prio == 2 and rec.pid == pid
-
-
-def test_no_descriptor_left_for_the_multiplexer(ns):
-    # A sixth descriptor for the socket, none for the multiplexer's own.
-    cp = ns.run(["prlimit", "--nofile=6:6", kelpd(ns), "-v"], env=without_leak_check(ns))
-    pid = int(re.fullmatch(r"kelpd started with pid \[(\d+)\]\n", cp.stdout).group(1))
-    assert ns.wait_exit(pid) == 254
-    rec = ns.syslog.wait_for("error listening on local socket (/var/tmp/me_kelpd_daemon.ctl)")
+    rec = ns.syslog.wait_for(message)
     assert rec.prio == 2 and rec.pid == pid
 
 
