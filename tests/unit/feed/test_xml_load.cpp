@@ -110,6 +110,9 @@ INSTANTIATE_TEST_SUITE_P(
                       charset_case{"text/xml;charset=a\"b", "a"},
                       charset_case{"text/xml;charset= utf-8", " utf-8"},
                       charset_case{"text/xml;charset=;x", ";x"},
+                      charset_case{"text/xml;charset=\x01x y", "\x01x"},
+                      charset_case{"text/xml;charset=\xE9\xE9x", "\xE9"},
+                      charset_case{"text/xml;charset=\"", "\""},
                       charset_case{"text/xml;charset=a", "a"},
                       charset_case{"text/xml;charset=iso-8859-15!#$%&'*+.^_`|~x", "iso-8859-15!#$%&'*+.^_`|~x"}));
 
