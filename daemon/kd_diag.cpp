@@ -85,29 +85,68 @@ void log_line(const kd_line &line)
     syslog(LOG_DEBUG, "%s", line.buf);
 }
 
+// Appends the bracketed record of an "entry" or "profile" element; false
+// for an element of another name, which has no line of its own.
+bool describe_record(kd_line &line, const char *pad, const char *name, void *data)
+{
+    if (strcmp(name, "entry") == 0) {
+        auto *n = static_cast<kd_node *>(data);
+        line.add("%s[#refs=%u #children=%u nextuid=%u poll=%ld lasterror=%d due=%ld]", pad, n->nrefs,
+                 n->nchildren, n->nextuid, static_cast<long>(n->poll), n->lasterror, due_seconds(n));
+        return true;
+    }
+    if (strcmp(name, "profile") == 0) {
+        auto *p = static_cast<kd_profile *>(data);
+        line.add("%s[#conns=%u was_online=%u]", pad, p->nconns, static_cast<unsigned>(p->was_online));
+        return true;
+    }
+    return false;
+}
+
+// The node's own text after the indentation: an element's tag with its
+// attributes, a blank and the text of an opaque node, or a placeholder.
+void describe_node(kd_line &line, mxml_node_t *node)
+{
+    mxml_type_t type = mxmlGetType(node);
+    if (type == MXML_OPAQUE) {
+        line.add(" %s", mxmlGetOpaque(node) ? mxmlGetOpaque(node) : "");
+        return;
+    }
+    if (type != MXML_ELEMENT) {
+        line.add(" [unhandled node - type = %d]", static_cast<int>(type));
+        return;
+    }
+    line.add("<%s", mxmlGetElement(node));
+    for (int i = 0; i < mxmlElementGetAttrCount(node); i++) {
+        const char *attr = nullptr;
+        const char *value = mxmlElementGetAttrByIndex(node, i, &attr);
+        line.add(" %s=\"%s\"", attr ? attr : "", value ? value : "");
+    }
+}
+
+void log_closing_tag(int indent, mxml_node_t *element)
+{
+    kd_line line;
+    indent_line(line, indent);
+    line.add("</%s>", mxmlGetElement(element));
+    log_line(line);
+}
+
 } // namespace
 
 void kd_trace_userdata(int indent, mxml_node_t *element, FILE *stream)
 {
     KD_ASSERT(element!=((void *)0));
     KD_ASSERT(mxmlGetType(element)==MXML_ELEMENT);
-    kd_line line;
-    kd_line pad;
-    indent_line(pad, indent);
     const char *name = mxmlGetElement(element);
     void *data = mxmlGetUserData(element);
     if (!data || !name)
         return;
-    if (strcmp(name, "entry") == 0) {
-        auto *n = static_cast<kd_node *>(data);
-        line.add("%s[#refs=%u #children=%u nextuid=%u poll=%ld lasterror=%d due=%ld]", pad.buf, n->nrefs,
-                 n->nchildren, n->nextuid, static_cast<long>(n->poll), n->lasterror, due_seconds(n));
-    } else if (strcmp(name, "profile") == 0) {
-        auto *p = static_cast<kd_profile *>(data);
-        line.add("%s[#conns=%u was_online=%u]", pad.buf, p->nconns, static_cast<unsigned>(p->was_online));
-    } else {
+    kd_line pad;
+    indent_line(pad, indent);
+    kd_line line;
+    if (!describe_record(line, pad.buf, name, data))
         return;
-    }
     if (stream)
         fprintf(stream, "%s\n", line.buf);
     else
@@ -120,22 +159,11 @@ void kd_trace_xml(int indent, mxml_node_t *node)
         return;
     kd_line line;
     indent_line(line, indent);
-    mxml_type_t type = mxmlGetType(node);
-    if (type == MXML_ELEMENT) {
-        line.add("<%s", mxmlGetElement(node));
-        for (int i = 0; i < mxmlElementGetAttrCount(node); i++) {
-            const char *attr = nullptr;
-            const char *value = mxmlElementGetAttrByIndex(node, i, &attr);
-            line.add(" %s=\"%s\"", attr ? attr : "", value ? value : "");
-        }
-    } else if (type == MXML_OPAQUE) {
-        line.add(" %s", mxmlGetOpaque(node) ? mxmlGetOpaque(node) : "");
-    } else {
-        line.add(" [unhandled node - type = %d]", static_cast<int>(type));
-    }
+    describe_node(line, node);
+    bool element = mxmlGetType(node) == MXML_ELEMENT;
     mxml_node_t *child = mxmlGetFirstChild(node);
-    if (type == MXML_ELEMENT) {
-        // Only elements and their records appear; text lines are dropped.
+    // Only elements and their records appear; a text node's line is dropped.
+    if (element) {
         line.add("%s", child ? ">" : " />");
         log_line(line);
         kd_trace_userdata(indent, node, nullptr);
@@ -144,12 +172,8 @@ void kd_trace_xml(int indent, mxml_node_t *node)
     }
     for (; child; child = mxmlGetNextSibling(child))
         kd_trace_xml(indent + 1, child);
-    if (type != MXML_ELEMENT)
-        return;
-    kd_line close;
-    indent_line(close, indent);
-    close.add("</%s>", mxmlGetElement(node));
-    log_line(close);
+    if (element)
+        log_closing_tag(indent, node);
 }
 
 void kd_status_dump(kd_client *clients)

@@ -64,6 +64,27 @@ struct kd_fd {
     }
 };
 
+// Binds the socket to the control path, replacing a stale socket file left
+// by an earlier run (bind would fail on it); false with the reason logged.
+bool bind_control_socket(int fd)
+{
+    sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, KD_CTL_SOCKET, sizeof(addr.sun_path));
+    if (unlink(addr.sun_path) != 0 && errno != ENOENT) {
+        int err = errno;
+        KD_LOG(1, LOG_CRIT, "error unlink()ing local socket (%s): %s", addr.sun_path, strerror(err));
+        return false;
+    }
+    socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + 2);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
+        int err = errno;
+        KD_LOG(1, LOG_CRIT, "error bind()ing local socket (%s): %s", addr.sun_path, strerror(err));
+        return false;
+    }
+    return true;
+}
+
 // Returns the listener handle, or -1 with the reason logged.
 int open_control_socket(kd_fd &sock, kd_client **clients)
 {
@@ -72,24 +93,11 @@ int open_control_socket(kd_fd &sock, kd_client **clients)
         KD_LOG(1, LOG_CRIT, "error getting socket(): %s", strerror(errno));
         return -1;
     }
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, KD_CTL_SOCKET, sizeof(addr.sun_path));
-    // A socket file left by an earlier run would make bind fail.
-    if (unlink(addr.sun_path) != 0 && errno != ENOENT) {
-        int err = errno;
-        KD_LOG(1, LOG_CRIT, "error unlink()ing local socket (%s): %s", addr.sun_path, strerror(err));
+    if (!bind_control_socket(sock.fd))
         return -1;
-    }
-    socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + 2);
-    if (bind(sock.fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
-        int err = errno;
-        KD_LOG(1, LOG_CRIT, "error bind()ing local socket (%s): %s", addr.sun_path, strerror(err));
-        return -1;
-    }
     int handle = csock_add_listenfd(sock.fd, "listener", kd_new_connection, listener_closed, clients);
     if (handle < 0)
-        KD_LOG(1, LOG_CRIT, "error listening on local socket (%s)", addr.sun_path);
+        KD_LOG(1, LOG_CRIT, "error listening on local socket (%s)", KD_CTL_SOCKET);
     return handle < 0 ? -1 : handle;
 }
 
@@ -133,6 +141,9 @@ int32_t main_loop(void)
         return -2;
     for (;;) {
         if ((g_terminate && !loop.clients) || rpc_isempty()) {
+            // Clients still here when configd went away are let go now: their
+            // records must not outlive the list head they are linked to.
+            kd_disconnect_all(&loop.clients);
             csock_fastclose(listener);
             return 0;
         }

@@ -257,16 +257,21 @@ def test_empty_configuration_reason_at_verbosity_two(ns):
     assert not has(ns, "last client disconnected")
 
 
-def client_session(ns):
-    """One client that logs in and leaves (a login before the configuration
+def logged_in(ns):
+    """A client after its login's answer (a login before the configuration
     has arrived is refused, but the connection counts all the same)."""
     s = connect(ns)
     s.settimeout(15)
     s.send(b"login\tv:3\tdomain:rss\tprofile_id:1")
-    got = []
-    while not got or not got[-1].startswith((b"OK\tlogin\t", b"ERROR\tlogin\t")):
-        got.append(s.recv(1 << 16))
-    s.close()
+    got = b""
+    while not got.startswith((b"OK\tlogin\t", b"ERROR\tlogin\t")):
+        got = s.recv(1 << 16)
+    return s, got
+
+
+def client_session(ns):
+    """One client that logs in and leaves."""
+    logged_in(ns)[0].close()
 
 
 def test_last_client_gone_ends_silently_below_verbosity_two(ns):
@@ -286,3 +291,19 @@ def test_last_client_gone_reason_at_verbosity_two(ns):
     rec = [r for r in ns.syslog.records("kelpd") if r.text == "last client disconnected"]
     assert len(rec) == 1 and rec[0].prio == 6
     assert not has(ns, "configuration is empty")
+
+
+def test_configd_gone_while_a_client_is_connected(ns):
+    configd = start_with_config(ns)
+    pid = start(ns, "-vvvv")
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    s, answer = logged_in(ns)
+    assert answer.startswith(b"OK\tlogin\t")
+    configd.kill()
+    # The loop ends with the client still connected: its record is released
+    # (a leak would fail the test under the sanitizers) and it sees the end.
+    assert ns.wait_exit(pid) == 0
+    assert s.recv(100) == b""
+    assert ns.syslog.count("client connection closed") == 1
+    assert not has(ns, "last client disconnected")
