@@ -379,4 +379,45 @@ TEST_F(RpcTest, ListenAndConnect)
     EXPECT_TRUE(rpc_isempty());
 }
 
+TEST_F(RpcTest, NoMemoryForAnOutgoingFrameRefusesTheSend)
+{
+    pair();
+    slab_fail_after(0);
+    EXPECT_EQ(rpc_send_req(cli, 0x10000002, 1, "rss"), -1);
+    slab_fail_after(-1);
+    EXPECT_EQ(rpc_send_req(cli, 0x10000002, 1, "rss"), 0);
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 0x10000002); }));
+    close_all();
+}
+
+TEST_F(RpcTest, NoMemoryForAnIncomingFrameGivesErrorThenClosed)
+{
+    half();
+    write_raw(fds[1], raw_frame(3, 0x20000000, 0, be32(3) + "rss"));
+    // The watchdog is set up before allocations start failing.
+    static bool expired;
+    expired = false;
+    int wd = timeout_add([](void *, int) { expired = true; }, 10, nullptr);
+    slab_fail_after(0);
+    while (!has(g_cli, 1) && !expired)
+        csock_select();
+    slab_fail_after(-1);
+    timeout_del(wd);
+    ASSERT_TRUE(has(g_cli, 1));
+    EXPECT_TRUE(has(g_cli, 0x10));
+    EXPECT_EQ(g_cli.codes[g_cli.events.size() - 2], RPC_ERR_NOMEM);
+    close(fds[1]);
+    close_all();
+}
+
+TEST_F(RpcTest, NoMemoryForAConnectionRecord)
+{
+    slab_fail_after(0);
+    EXPECT_EQ(rpc_adopt_fd(fds[0], &g_ConfigD_IfaceInfo, cli_table, 0), nullptr);
+    slab_fail_after(-1);
+    EXPECT_TRUE(rpc_isempty());
+    close(fds[0]);
+    close(fds[1]);
+}
+
 } // namespace
