@@ -123,11 +123,9 @@ int32_t take_lock()
     return 0;
 }
 
-} // namespace
-
-int32_t daemonize(void)
+// 0 in the child; the invoking parent reports the child's pid and exits.
+int32_t fork_away()
 {
-    signal(SIGCHLD, SIG_IGN);
     pid_t pid = fork();
     if (pid < 0) {
         fprintf(stderr, "unable to fork(): %s\n", strerror(errno));
@@ -137,6 +135,12 @@ int32_t daemonize(void)
         printf("kelpd started with pid [%d]\n", static_cast<int>(pid));
         exit(0);
     }
+    return 0;
+}
+
+// Leaves the invoker's session and descriptors behind, logging from here on.
+int32_t detach()
+{
     open_log();
     KD_LOG(2, LOG_INFO, "kelpd starting");
     umask(027);
@@ -145,6 +149,16 @@ int32_t daemonize(void)
         return -1;
     }
     close_all_descriptors();
+    return 0;
+}
+
+} // namespace
+
+int32_t daemonize(void)
+{
+    signal(SIGCHLD, SIG_IGN);
+    if (fork_away() != 0 || detach() != 0)
+        return -1;
     if (chdir(KD_RUN_DIR) != 0) {
         KD_LOG(1, LOG_CRIT, "unable to change directory to %s - terminating", KD_RUN_DIR);
         return -1;
