@@ -17,7 +17,8 @@
 
 namespace {
 
-enum class kd_wait { done, timed_out, fallback };
+// How the wait for the dump ended; failed: the signal could not be sent.
+enum class kd_wait { done, timed_out, fallback, failed };
 
 // The leading number of the pid file into `pid`; false when there is none
 // to read (any number, even a negative one, goes on to the /proc check).
@@ -94,19 +95,25 @@ bool dump_closed(int fd, int wd)
     return n == static_cast<ssize_t>(sizeof(ev)) && ev.wd == wd && (ev.mask & IN_CLOSE_WRITE);
 }
 
+// select() on the descriptor alone; Linux leaves the unused rest of the
+// budget in the timeval, which carries it into the next wait.
+int wait_readable(int fd, timeval &budget)
+{
+    fd_set rd;
+    FD_ZERO(&rd);
+    FD_SET(fd, &rd);
+    return select(fd + 1, &rd, nullptr, nullptr, &budget);
+}
+
 kd_wait wait_for_dump(int fd, int wd)
 {
     if (fd < 0) {
         sleep(3);
         return kd_wait::fallback;
     }
-    // Linux select() leaves the unused rest of the budget in the timeval.
     timeval budget {3, 0};
     while (budget.tv_sec > 0 || budget.tv_usec > 0) {
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(fd, &rd);
-        int r = select(fd + 1, &rd, nullptr, nullptr, &budget);
+        int r = wait_readable(fd, budget);
         if (r < 0 && errno == EINTR)
             continue;
         if (r < 0) {
@@ -120,6 +127,29 @@ kd_wait wait_for_dump(int fd, int wd)
     return kd_wait::timed_out;
 }
 
+// The watch needs the file to exist before the daemon writes it.
+void create_dump_file()
+{
+    int fd = open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640);
+    if (fd >= 0)
+        close(fd);
+}
+
+// Sends the signal and waits; the inotify descriptor is closed either way.
+kd_wait request_dump(int pid)
+{
+    int wd = -1;
+    int fd = prepare_watch(wd);
+    kd_wait how = kd_wait::failed;
+    if (kill(pid, SIGUSR2) != 0)
+        fprintf(stderr, "unable to send SIGUSR2 to %d: %s\n", pid, strerror(errno));
+    else
+        how = wait_for_dump(fd, wd);
+    if (fd >= 0)
+        close(fd);
+    return how;
+}
+
 } // namespace
 
 int create_supportdata(void)
@@ -127,26 +157,13 @@ int create_supportdata(void)
     int pid = 0;
     if (!read_pid(pid) || !is_kelpd(pid))
         return 1;
-    // The watch needs the file to exist before the daemon writes it.
-    int created = open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640);
-    if (created >= 0)
-        close(created);
-    int wd = -1;
-    int fd = prepare_watch(wd);
-    if (kill(pid, SIGUSR2) != 0) {
-        fprintf(stderr, "unable to send SIGUSR2 to %d: %s\n", pid, strerror(errno));
-        if (fd >= 0)
-            close(fd);
-        return 1;
-    }
-    kd_wait how = wait_for_dump(fd, wd);
-    if (fd >= 0)
-        close(fd);
+    create_dump_file();
+    kd_wait how = request_dump(pid);
     if (how == kd_wait::done)
         return 0;
     if (how == kd_wait::timed_out)
         fprintf(stderr, "warning: waiting for logfile timed out - data might be missing or outdated\n");
-    else
+    else if (how == kd_wait::fallback)
         fprintf(stderr, "warning: nifty waiting for logfile failed - hopefully things still work out\n");
     return 1;
 }
