@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include "configd/store.h"
@@ -15,6 +16,8 @@
 #include "platform/kd_paths.h"
 #include "platform/rpc_configd.h"
 #include "platform/rpc_wire.h"
+
+static constexpr int ANSWER_TIMEOUT_S = 10;
 
 static int fail(const char *fmt, ...)
 {
@@ -37,6 +40,10 @@ static int connect_configd()
         close(fd);
         return -1;
     }
+    // A configd that stopped answering must not hang a script for ever.
+    timeval tv{ANSWER_TIMEOUT_S, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     return fd;
 }
 
@@ -73,7 +80,8 @@ static int await_reply(int fd, rpc_msg *m, std::string *why)
             char buf[65536];
             ssize_t n = read(fd, buf, sizeof buf);
             if (n <= 0 || !rpcw_buf_append(&in, buf, size_t(n))) {
-                *why = "connection to configd closed";
+                bool slow = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+                *why = slow ? "no answer from configd within 10 s" : "connection to configd closed";
                 break;
             }
             continue;

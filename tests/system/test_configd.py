@@ -278,3 +278,11 @@ def test_unreadable_stored_document_is_reported_not_served(ns):
     # A valid save repairs it.
     assert set_doc(ns, "rss", DOC).returncode == 0
     assert ns.configctl("get", "rss").stdout == DOC
+
+
+def test_configctl_gives_up_on_a_configd_that_never_answers(ns):
+    ns.silent_configd()
+    line = one_line_error(ns.configctl("get", "rss"))
+    assert "no answer from configd" in line
+    line = one_line_error(set_doc(ns, "rss", DOC))
+    assert "no answer from configd" in line
