@@ -595,3 +595,33 @@ TEST_F(session, RepeatedLoginAnswersWithTheFeedListAndKeepsConfigState)
 }
 
 } // namespace
+
+namespace {
+
+size_t first_index(const std::string &prefix)
+{
+    const auto &lines = captured_log();
+    for (size_t i = 0; i < lines.size(); i++)
+        if (lines[i].text.rfind(prefix, 0) == 0)
+            return i;
+    return lines.size();
+}
+
+TEST_F(session, LogoutAnswerIsSentBeforeTheProfileIsUnlinked)
+{
+    int peer = connect_client();
+    request(peer, kLoginRss1);
+    const char logout[] = "logout domain:rss profile_id:1";
+    send_raw(peer, logout, strlen(logout));
+    hang_up(peer);
+    captured_log().clear();
+    pump();
+    size_t sent = first_index("send failed with");
+    size_t unlinked = first_index("unlinking profile 1 from connection");
+    size_t oops = first_index("oops, client seems to be gone already");
+    ASSERT_LT(oops, captured_log().size());
+    EXPECT_LT(sent, unlinked);
+    EXPECT_LT(unlinked, oops);
+}
+
+} // namespace
