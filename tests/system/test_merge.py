@@ -54,6 +54,15 @@ def set_and_wait(ns, text):
     ns.syslog.wait_count("incoming config data (handle=1)", n + 1)
 
 
+def polling(ns, profile_id, url):
+    """kelpd with a client logged in to the profile and the feed's poll started."""
+    pid = start(ns)
+    c = Client(ns)
+    assert c.login(profile_id).startswith("OK\t")
+    ns.syslog.wait_for("start 1200s poll on: " + url)
+    return pid, c
+
+
 class Client:
     def __init__(self, ns):
         self.sock = ns.connect_unix(CTL)
@@ -88,10 +97,7 @@ def rss_part(text):
 
 
 def test_poll_change_restarts_the_timer(ns):
-    pid = start(ns)
-    c = Client(ns)
-    assert c.login(1).startswith("OK\t")
-    ns.syslog.wait_for("start 1200s poll on: " + URL_A)
+    pid, c = polling(ns, 1, URL_A)
     ns.syslog.wait_for("[kddbg] refresh of " + URL_A)
     set_and_wait(ns, doc(entry(1, URL_A, "News", 600) + entry(2, URL_B, "Radio"), profile(1, 1, 2) + profile(2, 2)))
     ns.syslog.wait_for("restart with new poll-time 600 on: " + URL_A)
@@ -116,10 +122,7 @@ def test_url_change_refreshes_once(ns):
 
 
 def test_last_reference_removed_frees_record_and_timer(ns):
-    pid = start(ns)
-    c = Client(ns)
-    assert c.login(1).startswith("OK\t")
-    ns.syslog.wait_for("start 1200s poll on: " + URL_A)
+    pid, c = polling(ns, 1, URL_A)
     set_and_wait(ns, doc(ENTRIES, profile(1, 2) + profile(2, 2)))
     text, _ = dump(ns, pid)
     assert "[News]" not in rss_part(text)
@@ -131,10 +134,7 @@ def test_last_reference_removed_frees_record_and_timer(ns):
 
 
 def test_vanished_profile_becomes_placeholder(ns):
-    pid = start(ns)
-    c = Client(ns)
-    assert c.login(2).startswith("OK\t")
-    ns.syslog.wait_for("start 1200s poll on: " + URL_B)
+    pid, c = polling(ns, 2, URL_B)
     set_and_wait(ns, doc(ENTRIES, profile(1, 1, 2)))
     ns.syslog.wait_for("[kddbg] check profile update: old 2, new none")
     ns.syslog.wait_for("stop poll on: " + URL_B)
@@ -149,10 +149,7 @@ def test_vanished_profile_becomes_placeholder(ns):
 
 
 def test_logout_of_the_only_subscriber_stops_the_poll(ns):
-    pid = start(ns)
-    c = Client(ns)
-    assert c.login(2).startswith("OK\t")
-    ns.syslog.wait_for("start 1200s poll on: " + URL_B)
+    pid, c = polling(ns, 2, URL_B)
     assert c.logout(2) == "OK\tlogout\tdomain:rss\tprofile_id:2"
     assert ns.syslog.wait_for(re.compile(r"^unlinking profile 2 from connection on sd \d+$")).prio == DEBUG
     assert ns.syslog.wait_for("stop poll on: " + URL_B).prio == DEBUG

@@ -69,6 +69,16 @@ protected:
         return request(peer, std::string("login v:3 domain:") + domain + " profile_id:" + std::to_string(id));
     }
 
+    // The base configuration with feed 1 polled for a client of profile 1,
+    // its immediate first refresh done.
+    kd_node *polled_feed()
+    {
+        merge_rss(kBase);
+        login("rss", 1);
+        pump();
+        return feed_of(g_rssdomain, "1");
+    }
+
     mxml_node_t *entry_el(const char *id)
     {
         return mxmlFindElement(g_rssdomain, g_rssdomain, "entry", "id", id, MXML_DESCEND);

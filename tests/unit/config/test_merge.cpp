@@ -174,10 +174,7 @@ TEST_F(merge_test, TwoItemsOfOneProfileShareOneRecordAndTimer)
 
 TEST_F(merge_test, PollChangeRestartsTheRunningTimer)
 {
-    merge_rss(kBase);
-    login("rss", 1);
-    pump();
-    kd_node *n = feed_of(g_rssdomain, "1");
+    kd_node *n = polled_feed();
     int timer = n->timer;
     auto *it = static_cast<kd_item *>(kd_calloc(1, sizeof(kd_item)));
     it->title = kd_strdup("kept");

@@ -62,10 +62,7 @@ TEST_F(timers_test, InternetIsAskedOnlyForFeedsInUse)
 
 TEST_F(timers_test, RunningPollInUseAndOnlineKeepsItsPhase)
 {
-    merge_rss(kBase);
-    login("rss", 1);
-    pump();
-    kd_node *n = feed_of(g_rssdomain, "1");
+    kd_node *n = polled_feed();
     int timer = n->timer;
     uint32_t runs = g_refresh_count;
     advance(600);
@@ -81,10 +78,7 @@ TEST_F(timers_test, RunningPollInUseAndOnlineKeepsItsPhase)
 
 TEST_F(timers_test, InternetLossStopsPollsAndItsReturnRestartsThemAtOnce)
 {
-    merge_rss(kBase);
-    login("rss", 1);
-    pump();
-    kd_node *n = feed_of(g_rssdomain, "1");
+    kd_node *n = polled_feed();
     g_internet_up = false;
     kd_refresh_timers();
     EXPECT_EQ(n->timer, 0);
