@@ -52,13 +52,13 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *)
     g_configconn = conn;
 }
 
-// The session owns the tree from here on: the merge adopts it, and one it
-// refused is deleted rather than left behind.
+// The session owns the tree from here on: the merge adopts it or refuses it.
 static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
 {
     mxml_node_t *tree = msg->x;
     msg->x = nullptr;
     kd_config_merge(slot, list, tree);
+    // A refused tree is out of the reply and held by nobody: keeping it would leak it.
     if (*slot != tree)
         mxmlDelete(tree);
     g_receiveddomains |= bit;
@@ -67,13 +67,12 @@ static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t 
 void kd_configd_data(rpc_conn *, rpc_msg *msg)
 {
     KD_LOG(3, LOG_INFO, "incoming config data (handle=%d)", int(msg->tag));
-    if (!msg->x) {
-        // configd refused the request (error reply): nothing arrived.
+    // An error reply still answers the request: waiting on in state 1 would
+    // keep every later read mark from ever being saved.
+    if (!msg->x)
         KD_LOG(1, LOG_ERR, "configd refused config request (handle=%u): %s", msg->tag,
                msg->error ? msg->error : "");
-        return;
-    }
-    if (msg->tag == KD_HANDLE_RSS)
+    else if (msg->tag == KD_HANDLE_RSS)
         adopt(&g_rssdomain, &g_rssproflist, msg, 1);
     else if (msg->tag == KD_HANDLE_PODCAST)
         adopt(&g_poddomain, &g_podproflist, msg, 2);

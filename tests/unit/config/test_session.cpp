@@ -177,18 +177,89 @@ TEST_F(configd_session_test, DocumentWithoutPoolIsTakenButNotAdopted)
     EXPECT_EQ(g_receiveddomains, 3u);
 }
 
-TEST_F(configd_session_test, ErrorReplyToAFetchChangesNothing)
+TEST_F(configd_session_test, ErrorReplyToAFetchIsLoggedAndAnswersTheRequest)
 {
-    g_configstate = 1;
+    establish();
+    deliver(1, kDoc);
+    mxml_node_t *running = g_rssdomain;
+    indicate("rss");
+    sent_frames();
     rpc_msg m{};
     m.id = KD_CONFIGD_GET_CONFIG;
     m.tag = 1;
     m.is_reply = 1;
     m.error = const_cast<char *>("cannot read stored document");
     kd_configd_data(conn, &m);
-    EXPECT_EQ(g_configstate, 1);
+    EXPECT_TRUE(log_has_prio("configd refused config request (handle=1): cannot read stored document", LOG_ERR));
+    EXPECT_EQ(g_configstate, 2);
+    EXPECT_EQ(g_receiveddomains, 1u);
+    EXPECT_EQ(g_rssdomain, running);
+    // Read marks made since go out again.
+    kd_save_config(g_rssdomain);
+    EXPECT_EQ(sent_frames().size(), 1u);
+}
+
+TEST_F(configd_session_test, ErrorReplyBeforeAnyDocumentAddsNoReceivedBit)
+{
+    rpc_msg m{};
+    m.id = KD_CONFIGD_GET_CONFIG;
+    m.tag = 2;
+    m.is_reply = 1;
+    m.error = const_cast<char *>("invalid domain name");
+    kd_configd_data(conn, &m);
+    EXPECT_TRUE(log_has("configd refused config request (handle=2): invalid domain name"));
     EXPECT_EQ(g_receiveddomains, 0u);
+    EXPECT_EQ(g_poddomain, nullptr);
+    EXPECT_EQ(kd_config_empty(), 0);
+}
+
+// Without the declaration line the single top-level element is the root.
+TEST_F(configd_session_test, WrapperElementIsTheRootOfADocument)
+{
+    deliver(1, "<config><pool><entry id=\"1\" url=\"http://feeds.test/a\"/></pool>"
+               "<profiles><profile id=\"4\"><item entry=\"1\"/></profile></profiles></config>");
+    ASSERT_NE(g_rssdomain, nullptr);
+    EXPECT_STREQ(mxmlGetElement(g_rssdomain), "config");
+    EXPECT_NE(profile_in(g_rssproflist, 4), nullptr);
+    EXPECT_NE(feed_of(g_rssdomain, "1"), nullptr);
+}
+
+TEST_F(configd_session_test, PoolBelowAWrapperUnderTheDeclarationIsNotFound)
+{
+    rpc_msg m = deliver(1, "<?xml version=\"1.0\"?><config><pool/><profiles/></config>");
+    EXPECT_EQ(m.x, nullptr);
+    EXPECT_TRUE(log_has_prio("missing <pool>-node in config", LOG_CRIT));
     EXPECT_EQ(g_rssdomain, nullptr);
+}
+
+TEST_F(configd_session_test, TrafficLinesNeedVerbosityThree)
+{
+    verbosity = 2;
+    g_configstate = 0;
+    rpc_msg ev{};
+    kd_configd_established(conn, &ev);
+    deliver(1, kEmpty);
+    indicate("rss");
+    kd_config_close(conn);
+    kd_configd_closed(conn, &ev);
+    EXPECT_TRUE(captured_log().empty());
+    EXPECT_EQ(sent_frames().size(), 4u);
+    EXPECT_EQ(g_configstate, -1);
+}
+
+TEST_F(configd_session_test, ErrorLinesNeedVerbosityOne)
+{
+    verbosity = 0;
+    rpc_msg m = deliver(0, kDoc);
+    mxmlDelete(m.x);
+    rpc_msg err{};
+    err.code = 5;
+    kd_configd_error(conn, &err);
+    kd_save_config(nullptr);
+    EXPECT_TRUE(captured_log().empty());
+    verbosity = 1;
+    kd_save_config(nullptr);
+    EXPECT_TRUE(log_has_prio("unable to save config, non-matching domain node", LOG_CRIT));
 }
 
 TEST_F(configd_session_test, ChangeIndicationFetchesTheDomainAgain)
@@ -300,6 +371,41 @@ TEST_F(configd_session_test, ClosedFreesProfilesFeedsAndDocuments)
     deliver(1, kDoc);
     kd_save_config(g_rssdomain);
     EXPECT_TRUE(sent_frames().empty());
+}
+
+// Connections are unlinked (rss profiles first) before any feed record goes,
+// since unlinking stops the polls of those records.
+TEST_F(configd_session_test, ClosedUnlinksEveryConnectionBeforeFreeingFeeds)
+{
+    establish();
+    deliver(1, kDoc);
+    deliver(2, kDoc);
+    int a = connect_client(), b = connect_client();
+    ASSERT_EQ(request(a, "login\tv:3\tdomain:podcast\tprofile_id:1").rfind("OK\tlogin", 0), 0u);
+    ASSERT_EQ(request(b, "login\tv:3\tdomain:rss\tprofile_id:1").rfind("OK\tlogin", 0), 0u);
+    ASSERT_EQ(request(a, "login\tv:3\tdomain:rss\tprofile_id:1").rfind("OK\tlogin", 0), 0u);
+    EXPECT_GT(feed_of(g_rssdomain, "1")->timer, 0);
+    kd_profile *rss = profile_in(g_rssproflist, 1);
+    ASSERT_EQ(rss->nconns, 2u);
+    std::string first = "unlinking profile 1 from connection on sd " + std::to_string(csock_fileno(rss->connections[0]->handle));
+    std::string second = "unlinking profile 1 from connection on sd " + std::to_string(csock_fileno(rss->connections[1]->handle));
+    captured_log().clear();
+    rpc_msg ev{};
+    kd_configd_closed(conn, &ev);
+    std::vector<std::string> unlinks;
+    for (const auto &l : captured_log())
+        if (l.text.rfind("unlinking profile", 0) == 0 || l.text.rfind("stop poll on", 0) == 0)
+            unlinks.push_back(l.text);
+    ASSERT_EQ(unlinks.size(), 5u);
+    EXPECT_EQ(unlinks[0], first);
+    EXPECT_EQ(unlinks[1], second);
+    EXPECT_EQ(unlinks[2], "stop poll on: http://feeds.test/a");
+    EXPECT_EQ(unlinks[3], second);
+    EXPECT_EQ(unlinks[4], "stop poll on: http://feeds.test/a");
+    EXPECT_EQ(client_at(0)->nprofiles, 0u);
+    EXPECT_EQ(client_at(1)->nprofiles, 0u);
+    EXPECT_EQ(g_rssproflist, nullptr);
+    EXPECT_EQ(g_podproflist, nullptr);
 }
 
 TEST_F(configd_session_test, CloseLogsAndEndsTheConnectionFromTheLoop)
