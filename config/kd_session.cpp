@@ -112,6 +112,9 @@ static void free_profiles(kd_profile **list)
                 p->nconns = 0;   // never spin on a record that will not shrink
         }
         kd_free(p->connections);
+        // Unlinks of the other domain still look up profiles through their elements.
+        if (p->profile)
+            mxmlSetUserData(p->profile, nullptr);
         *list = p->next;
         if (*list)
             (*list)->prev = nullptr;
