@@ -105,8 +105,19 @@ static void ensure_established(rpc_conn *c)
     deliver_event(c, RPC_EV_ESTABLISHED, 0);
 }
 
+// Requests only go to servers, replies and indications only to clients: a
+// frame the other way would reach a handler with the wrong payload.
+static bool wrong_direction(const rpc_conn *c, uint8_t kind)
+{
+    return c->server ? kind != RPCW_REQUEST : kind == RPCW_REQUEST;
+}
+
 static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
 {
+    if (wrong_direction(c, payload[0])) {
+        fail(c, RPC_ERR_MALFORMED);
+        return;
+    }
     rpc_msg m;
     int r = rpcw_decode(payload, len, c->iface->params, &m);
     // A server refuses a request with broken XML and keeps the connection.
@@ -152,7 +163,8 @@ static int read_some(rpc_conn *c)
         ssize_t n = read(c->fd, c->in.data + c->in.len, c->in.cap - c->in.len);
         if (n > 0)
             c->in.len += size_t(n);
-        else if (n == 0)
+        // A peer that closes with our frames unread resets the stream: still its end.
+        else if (n == 0 || errno == ECONNRESET)
             return 0;
         else
             return errno == EAGAIN || errno == EINTR ? 1 : -RPC_ERR_IO;

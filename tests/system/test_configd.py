@@ -12,6 +12,8 @@ import pytest
 
 import configd_wire as w
 
+SOURCE = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+
 DOC = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.xml" name="A" poll="600" /></pool>\n'
        '<profiles><profile id="1"><item entry="1" /></profile></profiles>\n')
 DOC2 = DOC.replace('name="A"', 'name="B"')
@@ -59,6 +61,24 @@ def test_set_from_file(ns):
     assert ns.configctl("get", "podcast").stdout == DOC2
 
 
+def test_single_wrapper_element_without_declaration_is_a_root(ns):
+    ns.start_configd()
+    doc = '<config><pool><entry id="1" url="http://feeds.test/a.xml" /></pool><profiles /></config>'
+    assert set_doc(ns, "rss", doc).returncode == 0
+    assert ns.configctl("get", "rss").stdout == doc + "\n"
+
+
+def test_examples_are_accepted_as_they_are(ns):
+    ns.start_configd()
+    for domain in ("rss", "podcast"):
+        path = os.path.join(SOURCE, "examples", domain + ".xml")
+        with open(path) as f:
+            text = f.read()
+        cp = ns.configctl("set", domain, path)
+        assert cp.returncode == 0, cp.stderr
+        assert stored(ns, domain) == text
+
+
 def test_state_dir_option_and_persistence_across_restart(ns):
     p = ns.start_configd(statedir="/var/tmp/state")
     assert set_doc(ns, "rss", DOC).returncode == 0
@@ -98,6 +118,8 @@ def test_sigterm_ends_cleanly(ns):
     ('<?xml version="1.0"?><pool/>', "no <profiles>"),
     ('<?xml version="1.0"?><pool/><profiles><profile id="1"/><profile/></profiles>', 'no "id"'),
     ('<?xml version="1.0"?><x>\0</x>', "NUL"),
+    ("<pool/><profiles/>", "not well-formed XML"),                      # two roots without a declaration
+    ('<?xml version="1.0"?><config><pool/><profiles/></config>', "no <pool>"),   # one level too deep
 ])
 def test_bad_documents_are_refused_and_nothing_stored_is_lost(ns, doc, why):
     ns.start_configd()

@@ -290,7 +290,21 @@ INSTANTIATE_TEST_SUITE_P(
                       Garbage{raw_frame(2, 0x10000002, 1, be32(4) + "<a>\0"), RPC_ERR_MALFORMED},
                       Garbage{raw_frame(2, 0x10000002, 1, be32(5) + "<a><b"), RPC_ERR_MALFORMED},
                       Garbage{raw_frame(2, 0x10000002, 1, be32(3) + "<a>"), RPC_ERR_MALFORMED},
-                      Garbage{raw_frame(3, 0x10000001, 0, be32(0x40000000)), RPC_ERR_MALFORMED}));
+                      Garbage{raw_frame(3, 0x10000001, 0, be32(0x40000000)), RPC_ERR_MALFORMED},
+                      Garbage{raw_frame(1, 0x10000002, 1, be32(3) + "rss"), RPC_ERR_MALFORMED}));
+
+TEST_F(RpcTest, ServerTakesARepliedFrameAsMalformed)
+{
+    srv = rpc_adopt_fd(fds[1], &g_ConfigD_IfaceInfo, srv_table, 1);
+    write_raw(fds[0], raw_frame(2, 0x10000002, 1, be32(4) + "<a/>") + raw_frame(1, 0x10000002, 2, be32(3) + "rss"));
+    ASSERT_TRUE(pump_until([] { return has(g_srv, 1); }));
+    EXPECT_FALSE(has(g_srv, 0x10000002));
+    ASSERT_GE(g_srv.events.size(), 2u);
+    EXPECT_EQ(g_srv.events[g_srv.events.size() - 2], 0x10u);
+    EXPECT_EQ(g_srv.codes[g_srv.events.size() - 2], RPC_ERR_MALFORMED);
+    close(fds[0]);
+    close_all();
+}
 
 TEST_F(RpcTest, PeerClosingMidFrameGivesTruncatedThenClosed)
 {
@@ -299,6 +313,22 @@ TEST_F(RpcTest, PeerClosingMidFrameGivesTruncatedThenClosed)
     write_raw(fds[1], f.substr(0, f.size() - 2));
     close(fds[1]);
     ASSERT_TRUE(pump_until([] { return has(g_cli, 1); }));
+    EXPECT_EQ(g_cli.events[g_cli.events.size() - 2], 0x10u);
+    EXPECT_EQ(g_cli.codes[g_cli.events.size() - 2], RPC_ERR_TRUNCATED);
+    close_all();
+}
+
+// A peer closing with our requests still unread resets the stream.
+TEST_F(RpcTest, PeerResettingMidFrameGivesTruncatedThenClosed)
+{
+    half();
+    ASSERT_EQ(rpc_send_req(cli, 0x10000002, 1, "rss"), 0);
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 2); }));
+    std::string f = raw_frame(2, 0x10000002, 1, be32(4) + "<a/>");
+    write_raw(fds[1], f.substr(0, 10));
+    close(fds[1]);
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 1); }));
+    ASSERT_GE(g_cli.events.size(), 3u);
     EXPECT_EQ(g_cli.events[g_cli.events.size() - 2], 0x10u);
     EXPECT_EQ(g_cli.codes[g_cli.events.size() - 2], RPC_ERR_TRUNCATED);
     close_all();
