@@ -78,17 +78,20 @@ protected:
         free(t);
         return s;
     }
-    // Delivers a document as configd's reply with the tag.
-    rpc_msg deliver(uint32_t tag, const char *xml)
+    // configd's reply to a fetch: a tree, or an error reply with its reason.
+    rpc_msg reply(uint32_t tag, mxml_node_t *x, const char *reason)
     {
         rpc_msg m{};
         m.id = KD_CONFIGD_GET_CONFIG;
         m.tag = tag;
         m.is_reply = 1;
-        m.x = load_doc(xml);
+        m.x = x;
+        m.error = const_cast<char *>(reason);
         kd_configd_data(conn, &m);
         return m;
     }
+    rpc_msg deliver(uint32_t tag, const char *xml) { return reply(tag, load_doc(xml), nullptr); }
+    void refuse(uint32_t tag, const char *reason) { reply(tag, nullptr, reason); }
     // The connection as the session remembers it once established.
     void establish()
     {
@@ -184,12 +187,7 @@ TEST_F(configd_session_test, ErrorReplyToAFetchIsLoggedAndAnswersTheRequest)
     mxml_node_t *running = g_rssdomain;
     indicate("rss");
     sent_frames();
-    rpc_msg m{};
-    m.id = KD_CONFIGD_GET_CONFIG;
-    m.tag = 1;
-    m.is_reply = 1;
-    m.error = const_cast<char *>("cannot read stored document");
-    kd_configd_data(conn, &m);
+    refuse(1, "cannot read stored document");
     EXPECT_TRUE(log_has_prio("configd refused config request (handle=1): cannot read stored document", LOG_ERR));
     EXPECT_EQ(g_configstate, 2);
     EXPECT_EQ(g_receiveddomains, 1u);
@@ -201,12 +199,7 @@ TEST_F(configd_session_test, ErrorReplyToAFetchIsLoggedAndAnswersTheRequest)
 
 TEST_F(configd_session_test, ErrorReplyBeforeAnyDocumentAddsNoReceivedBit)
 {
-    rpc_msg m{};
-    m.id = KD_CONFIGD_GET_CONFIG;
-    m.tag = 2;
-    m.is_reply = 1;
-    m.error = const_cast<char *>("invalid domain name");
-    kd_configd_data(conn, &m);
+    refuse(2, "invalid domain name");
     EXPECT_TRUE(log_has("configd refused config request (handle=2): invalid domain name"));
     EXPECT_EQ(g_receiveddomains, 0u);
     EXPECT_EQ(g_poddomain, nullptr);
@@ -307,6 +300,20 @@ TEST_F(configd_session_test, SavesWaitWhileAChangedDocumentIsPending)
     EXPECT_EQ(f[0].tag, 0u);
     EXPECT_EQ(f[0].s, "rss");
     EXPECT_EQ(f[0].xml, render(g_rssdomain));
+}
+
+TEST_F(configd_session_test, SavesGoOutOnlyOnceTheDocumentHasArrived)
+{
+    establish();
+    deliver(1, kDoc);
+    for (int32_t state : {-1, 0, 1, 3}) {
+        g_configstate = state;
+        kd_save_config(g_rssdomain);
+        EXPECT_TRUE(sent_frames().empty()) << "state " << state;
+    }
+    g_configstate = 2;
+    kd_save_config(g_rssdomain);
+    EXPECT_EQ(sent_frames().size(), 1u);
 }
 
 TEST_F(configd_session_test, SaveNamesTheDomainOrRefusesAForeignNode)
