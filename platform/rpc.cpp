@@ -346,9 +346,22 @@ int rpc_send_ind(rpc_conn *conn, uint32_t id, ...)
     return r;
 }
 
+// A caller may still hold a connection that the peer already closed (and we
+// freed): only act on connections that are still in one of our lists.
+static bool is_live(const rpc_conn *conn)
+{
+    for (const rpc_conn *c = g_clients; c; c = c->next)
+        if (c == conn)
+            return true;
+    for (const rpc_conn *c = g_servers; c; c = c->next)
+        if (c == conn)
+            return true;
+    return false;
+}
+
 void rpc_close(rpc_conn *conn)
 {
-    if (!conn || conn->closing || conn->failed)
+    if (!conn || !is_live(conn) || conn->closing || conn->failed)
         return;
     conn->closing = 1;
     // The close completes from the loop: writability always comes round.

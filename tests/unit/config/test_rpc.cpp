@@ -334,6 +334,19 @@ TEST_F(RpcTest, PeerResettingMidFrameGivesTruncatedThenClosed)
     close_all();
 }
 
+// The main loop may still hold the connection after the peer closed it.
+TEST_F(RpcTest, ClosingAConnectionThePeerAlreadyClosedDoesNothing)
+{
+    half();
+    rpc_conn *stale = cli;
+    close(fds[1]);
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 1); }));
+    EXPECT_TRUE(rpc_isempty());
+    rpc_close(stale);
+    EXPECT_TRUE(rpc_isempty());
+    close_all();
+}
+
 TEST_F(RpcTest, FramesBeforeTheEndAreStillDelivered)
 {
     half();
