@@ -214,8 +214,25 @@ static void sax_keep(mxml_node_t *node, mxml_sax_event_t event, void *data)
         mxmlRetain(node);
 }
 
+// Mini-XML leaks the root element when its own start tag is broken and no top
+// node is given; under a holder element a failed parse frees everything.
+static bool parses_under_holder(const char *text)
+{
+    mxml_node_t *holder = mxmlNewElement(MXML_NO_PARENT, "holder");
+    if (!holder)
+        return false;
+    long open = 0;
+    mxml_node_t *x = mxmlSAXLoadString(holder, text, mxml_opaque_cb, sax_keep, &open);
+    mxmlDelete(holder);
+    return x != nullptr;
+}
+
 mxml_node_t *rpcw_parse_xml(const char *text)
 {
+    // The holder changes where top-level nodes hang, so the tree handed on
+    // comes from a second parse without a top node.
+    if (!parses_under_holder(text))
+        return nullptr;
     long open = 0;
     mxml_node_t *x = mxmlSAXLoadString(nullptr, text, mxml_opaque_cb, sax_keep, &open);
     if (x && open != 0) {
