@@ -1,5 +1,6 @@
 // store: domain files of configd and document checks.
 #include "configd/store.h"
+#include "platform/fdio.h"
 #include "platform/rpc_wire.h"
 #include <cerrno>
 #include <cstdlib>
@@ -98,20 +99,6 @@ mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *w
     return root;
 }
 
-static bool write_all(int fd, const char *p, size_t n)
-{
-    while (n) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= size_t(w);
-    }
-    return true;
-}
-
 static bool fsync_dir(const std::string &dir)
 {
     int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -131,7 +118,7 @@ bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, st
     }
     std::string tmp = dir + "/." + domain + ".xml.tmp";
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    bool ok = fd >= 0 && write_all(fd, text, strlen(text)) && fsync(fd) == 0;
+    bool ok = fd >= 0 && fd_write_all(fd, text, strlen(text)) && fsync(fd) == 0;
     int err = errno;
     free(text);
     if (fd >= 0 && close(fd) < 0 && ok) {

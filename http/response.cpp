@@ -9,6 +9,7 @@
 
 #include "platform/slab.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 namespace {
 
@@ -62,25 +63,13 @@ int parse_status(const char *line)
     return status;
 }
 
-// Value of a hexadecimal digit, -1 for any other character.
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // Leading hexadecimal digits of a chunk-size line; extensions after them are
 // ignored, and an absurd size saturates so the data end clips it.
 uint32_t parse_chunk_size(const char *line)
 {
     uint64_t size = 0;
-    for (const char *c = line; hex_digit(*c) >= 0 && size <= UINT32_MAX; c++)
-        size = size * 16 + static_cast<uint64_t>(hex_digit(*c));
+    for (const char *c = line; kd_hex_digit(*c) >= 0 && size <= UINT32_MAX; c++)
+        size = size * 16 + static_cast<uint64_t>(kd_hex_digit(*c));
     return size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
 }
 

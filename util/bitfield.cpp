@@ -8,6 +8,7 @@
 
 #include "platform/slab.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 void bf_init(bitfield *f)
 {
@@ -142,23 +143,12 @@ void bf_shift(bitfield *f, uint32_t distance, uint32_t count)
     f->bits[f->len - 1] &= static_cast<uint8_t>((1u << (count % 8)) - 1);
 }
 
-static int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // A pair that is not two hexadecimal digits stores 0: an unreadable mark
 // counts as unread rather than guessing.
 static uint8_t hex_pair(const char *p)
 {
-    int hi = hex_digit(p[0]);
-    int lo = hex_digit(p[1]);
+    int hi = kd_hex_digit(p[0]);
+    int lo = kd_hex_digit(p[1]);
     if (hi < 0 || lo < 0)
         return 0;
     return static_cast<uint8_t>(hi * 16 + lo);

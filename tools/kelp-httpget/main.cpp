@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "http/httpcli.h"
+#include "platform/fdio.h"
 #include "platform/slab.h"
 
 namespace {
@@ -74,19 +75,6 @@ bool parse_args(int argc, char **argv, options *o)
     return o->url != nullptr;
 }
 
-bool write_all(int fd, const char *p, size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
 
 // The request text the client builds for the URL, as sent.
 void show_request(httpcli_ctx *ctx, const char *url)
@@ -97,7 +85,7 @@ void show_request(httpcli_ctx *ctx, const char *url)
     if (uri.scheme && uri.host && uri.path)
         build_request(ctx, &uri, &b);
     if (b.start)
-        write_all(2, b.start, b.len);
+        fd_write_all(2, b.start, b.len);
     kd_free(b.start);
     http_free_uri(ctx, &uri);
 }
@@ -121,7 +109,7 @@ int main(int argc, char **argv)
     httpcli_buffer resp = {};
     http_result res = {};
     int code = httpcli_get(&ctx, o.url, &resp, &res);
-    bool written = !resp.start || write_all(1, resp.start, resp.len);
+    bool written = !resp.start || fd_write_all(1, resp.start, resp.len);
     fprintf(stderr, "result: %d\n", code);
     show_header("Content-Type", res.content_type);
     show_header("Location", res.location);
