@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(cmake ninja-build g++ pkg-config libmxml-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev
-      python3 python3-pytest iproute2 util-linux curl nginx-light valgrind)
+      python3 python3-pytest iproute2 util-linux curl nginx-light)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -17,7 +17,14 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
-# nginx must not start a host-wide service: the tests start their own.
-printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d; chmod +x /usr/sbin/policy-rc.d
-trap 'rm -f /usr/sbin/policy-rc.d' EXIT
+# nginx must not start a host-wide service: the tests start their own. A
+# policy the machine already has (containers often ship one) is put back after.
+policy=/usr/sbin/policy-rc.d
+if [ -e "$policy" ]; then
+  mv "$policy" "$policy.kelp-saved"
+  trap 'mv -f "$policy.kelp-saved" "$policy"' EXIT
+else
+  trap 'rm -f "$policy"' EXIT
+fi
+printf '#!/bin/sh\nexit 101\n' > "$policy"; chmod +x "$policy"
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
