@@ -7,6 +7,7 @@
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
 #include "platform/rpc.h"
+#include "util/kd_fd.h"
 #include "util/kd_log.h"
 
 #include <cerrno>
@@ -54,16 +55,6 @@ void listener_closed(int, void *ctx)
 
 namespace {
 
-// The control socket's descriptor, closed on every way out of the loop.
-struct kd_fd {
-    int fd = -1;
-    ~kd_fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 // Binds the socket to the control path, replacing a stale socket file left
 // by an earlier run (bind would fail on it); false with the reason logged.
 bool bind_control_socket(int fd)
@@ -86,7 +77,7 @@ bool bind_control_socket(int fd)
 }
 
 // Returns the listener handle, or -1 with the reason logged.
-int open_control_socket(kd_fd &sock, kd_client **clients)
+int open_control_socket(kd_unique_fd &sock, kd_client **clients)
 {
     sock.fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     if (sock.fd < 0) {
@@ -135,7 +126,7 @@ int32_t main_loop(void)
     loop.conn = kd_config_init();
     if (!loop.conn)
         KD_LOG(1, LOG_CRIT, "unable to connect to configd");
-    kd_fd sock;
+    kd_unique_fd sock; // the control socket, closed on every way out of the loop
     int listener = open_control_socket(sock, &loop.clients);
     if (listener < 0)
         return -2;

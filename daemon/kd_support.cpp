@@ -4,6 +4,7 @@
 #include "daemon/kd_diag.h"
 
 #include "platform/kd_paths.h"
+#include "util/kd_fd.h"
 
 #include <cerrno>
 #include <csignal>
@@ -26,14 +27,13 @@ bool read_pid(int &pid)
 {
     char path[32];
     snprintf(path, sizeof(path), "%s/%s", KD_RUN_DIR, KD_PID_FILE);
-    int fd = open(path, O_RDONLY);
-    if (fd < 0) {
+    kd_unique_fd fd(open(path, O_RDONLY));
+    if (!fd) {
         fprintf(stderr, "unable to open kelpd lockfile: %s\n", strerror(errno));
         return false;
     }
     char buf[8] = "";
-    ssize_t n = read(fd, buf, 7);
-    close(fd);
+    ssize_t n = read(fd.get(), buf, 7);
     if (n <= 0) {
         fprintf(stderr, "unable to read kelpd pid from lockfile\n");
         return false;
@@ -47,14 +47,13 @@ bool is_kelpd(int pid)
 {
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
-    int fd = open(path, O_RDONLY);
-    if (fd < 0) {
+    kd_unique_fd fd(open(path, O_RDONLY));
+    if (!fd) {
         fprintf(stderr, "unable to verify kelpd in '%s' - lockfile seems to be stale: %s\n", path, strerror(errno));
         return false;
     }
     char buf[32] = "";
-    ssize_t n = read(fd, buf, 31);
-    close(fd);
+    ssize_t n = read(fd.get(), buf, 31);
     const char *base = n > 0 ? strrchr(buf, '/') : nullptr;
     base = base ? base + 1 : buf;
     if (n <= 0 || strcmp(base, KD_PROGRAM_NAME) != 0) {
@@ -64,25 +63,23 @@ bool is_kelpd(int pid)
     return true;
 }
 
-// The inotify descriptor watching the dump file, or -1 for the fallback wait.
-int prepare_watch(int &wd)
+// The inotify descriptor watching the dump file; none for the fallback wait.
+kd_unique_fd prepare_watch(int &wd)
 {
-    int fd = inotify_init();
-    if (fd < 0) {
+    kd_unique_fd fd(inotify_init());
+    if (!fd) {
         fprintf(stderr, "unable to initialize inotify instance: %s\n", strerror(errno));
-        return -1;
+        return fd;
     }
-    int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+    int flags = fcntl(fd.get(), F_GETFL);
+    if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) < 0) {
         fprintf(stderr, "unable to set inotify instance to non-blocking : %s\n", strerror(errno));
-        close(fd);
-        return -1;
+        return kd_unique_fd();
     }
-    wd = inotify_add_watch(fd, KD_DUMP_FILE, IN_CLOSE_WRITE);
+    wd = inotify_add_watch(fd.get(), KD_DUMP_FILE, IN_CLOSE_WRITE);
     if (wd < 0) {
         fprintf(stderr, "unable to add '%s' to inotify watch list: %s\n", KD_DUMP_FILE, strerror(errno));
-        close(fd);
-        return -1;
+        return kd_unique_fd();
     }
     return fd;
 }
@@ -130,24 +127,19 @@ kd_wait wait_for_dump(int fd, int wd)
 // The watch needs the file to exist before the daemon writes it.
 void create_dump_file()
 {
-    int fd = open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640);
-    if (fd >= 0)
-        close(fd);
+    kd_unique_fd created(open(KD_DUMP_FILE, O_CREAT | O_EXCL | O_RDONLY, 0640));
 }
 
 // Sends the signal and waits; the inotify descriptor is closed either way.
 kd_wait request_dump(int pid)
 {
     int wd = -1;
-    int fd = prepare_watch(wd);
-    kd_wait how = kd_wait::failed;
-    if (kill(pid, SIGUSR2) != 0)
+    kd_unique_fd fd = prepare_watch(wd);
+    if (kill(pid, SIGUSR2) != 0) {
         fprintf(stderr, "unable to send SIGUSR2 to %d: %s\n", pid, strerror(errno));
-    else
-        how = wait_for_dump(fd, wd);
-    if (fd >= 0)
-        close(fd);
-    return how;
+        return kd_wait::failed;
+    }
+    return wait_for_dump(fd.get(), wd);
 }
 
 } // namespace
