@@ -1,5 +1,5 @@
 """kelpd main loop: the signal flags (SIGHUP verbosity cycle, SIGUSR2 status
-dump, SIGTERM without clients) and the support-data client."""
+dump, SIGTERM with and without clients) and the support-data client."""
 import os
 import re
 import signal
@@ -306,4 +306,19 @@ def test_configd_gone_while_a_client_is_connected(ns):
     assert ns.wait_exit(pid) == 0
     assert s.recv(100) == b""
     assert ns.syslog.count("client connection closed") == 1
+    assert not has(ns, "last client disconnected")
+
+
+def test_sigterm_disconnects_a_connected_client(ns):
+    start_with_config(ns)
+    pid = start(ns, "-vvv")
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    s, answer = logged_in(ns)
+    assert answer.startswith(b"OK\tlogin\t")
+    ns.signal(pid, signal.SIGTERM)
+    # The daemon does not wait for the client to leave: it lets it go.
+    assert ns.wait_exit(pid) == 0
+    assert s.recv(100) == b""
+    assert has(ns, "received terminate signal")
     assert not has(ns, "last client disconnected")
