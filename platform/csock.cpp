@@ -3,7 +3,10 @@
 // slot's generation, so a stale handle never reaches a newer record. Records
 // closed while callbacks run stay in their slot, marked closed, until the end
 // of the dispatch round; their close callbacks run after the callback that
-// closed them has returned.
+// closed them has returned. A table indexed by descriptor number names the
+// handle whose epoll registration that descriptor is, so a record whose
+// descriptor its owner closed (and the number went to a newer handle) never
+// changes or removes the newer handle's registration.
 #include "platform/csock.h"
 
 #include "platform/slab.h"
@@ -12,7 +15,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -24,6 +29,7 @@ constexpr int kSlotBits = 16;
 constexpr unsigned kMaxSlots = (1u << kSlotBits) - 1;
 constexpr int kBacklog = 8;
 constexpr int kMaxEvents = 64;
+constexpr uint32_t kAcceptPauseSec = 1;
 
 struct csock_rec {
     int handle;
@@ -36,6 +42,7 @@ struct csock_rec {
     bool closed;
     bool close_pending; // close callback still to run
     bool in_epoll;
+    int pause_timer; // listener resting after a failed accept
     csock_rec *next_dead;
 };
 
@@ -47,6 +54,8 @@ int g_epfd = -1;
 pid_t g_eppid;
 int g_depth; // > 0 while callbacks run
 csock_rec *g_dead_head, *g_dead_tail, *g_pending;
+int *g_fdown; // per descriptor number: handle owning its epoll registration, 0 none
+unsigned g_nfdown;
 
 csock_rec *lookup(int handle)
 {
@@ -60,12 +69,37 @@ csock_rec *lookup(int handle)
     return (r && !r->closed) ? r : nullptr;
 }
 
+// Only conditions that some callback handles are asked for: an unhandled
+// level-triggered condition would end every wait at once.
 uint32_t interest(const csock_rec *r)
 {
     if (r->acceptcb)
         return EPOLLIN;
-    uint32_t ev = EPOLLIN | EPOLLPRI | EPOLLRDHUP;
+    uint32_t ev = r->readcb ? EPOLLIN | EPOLLRDHUP : 0;
+    if (r->exceptcb)
+        ev |= EPOLLPRI;
     return r->want_write ? ev | EPOLLOUT : ev;
+}
+
+bool owns_fd(const csock_rec *r)
+{
+    return static_cast<unsigned>(r->fd) < g_nfdown && g_fdown[r->fd] == r->handle;
+}
+
+bool reserve_fd(int fd)
+{
+    unsigned need = static_cast<unsigned>(fd) + 1;
+    if (need <= g_nfdown)
+        return true;
+    unsigned n = need < 64 ? 64 : need + need / 2;
+    auto *t = static_cast<int *>(kd_realloc(g_fdown, n * sizeof(*g_fdown)));
+    if (!t)
+        return false;
+    for (unsigned i = g_nfdown; i < n; i++)
+        t[i] = 0;
+    g_fdown = t;
+    g_nfdown = n;
+    return true;
 }
 
 bool epoll_register(csock_rec *r, int op)
@@ -89,7 +123,7 @@ bool ensure_epoll()
     g_eppid = getpid();
     for (unsigned i = 0; i < g_nslots; i++) {
         csock_rec *r = g_slots[i];
-        if (r && !r->closed)
+        if (r && !r->closed && r->in_epoll && owns_fd(r))
             r->in_epoll = epoll_register(r, EPOLL_CTL_ADD);
     }
     return true;
@@ -137,7 +171,7 @@ int free_slot()
 
 int add_record(csock_rec *proto)
 {
-    if (proto->fd < 0 || !ensure_epoll())
+    if (proto->fd < 0 || !ensure_epoll() || !reserve_fd(proto->fd))
         return -1;
     int slot = free_slot();
     if (slot < 0)
@@ -153,6 +187,7 @@ int add_record(csock_rec *proto)
     }
     r->in_epoll = true;
     g_slots[slot] = r;
+    g_fdown[r->fd] = r->handle;
     return r->handle;
 }
 
@@ -164,25 +199,24 @@ void release_slot(csock_rec *r)
     kd_free(r);
 }
 
-bool fd_shared(const csock_rec *r)
+// The owner may already have closed the descriptor, and its number may now
+// belong to another registered handle, whose registration must stay.
+void stop_watching(csock_rec *r)
 {
-    for (unsigned i = 0; i < g_nslots; i++) {
-        const csock_rec *o = g_slots[i];
-        if (o && o != r && !o->closed && o->fd == r->fd)
-            return true;
-    }
-    return false;
+    if (r->in_epoll && g_epfd >= 0 && owns_fd(r))
+        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
+    r->in_epoll = false;
 }
 
-// Stops events for the record. The owner may already have closed the
-// descriptor, and its number may now belong to another registered handle,
-// whose registration must stay.
 void unregister(csock_rec *r)
 {
     r->closed = true;
-    if (r->in_epoll && g_epfd >= 0 && !fd_shared(r))
-        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
-    r->in_epoll = false;
+    if (r->pause_timer > 0)
+        timeout_del(r->pause_timer);
+    r->pause_timer = 0;
+    stop_watching(r);
+    if (owns_fd(r))
+        g_fdown[r->fd] = 0;
 }
 
 void defer(csock_rec *r, bool with_closecb)
@@ -223,17 +257,46 @@ void free_dead()
     g_pending = nullptr;
 }
 
+void *handle_param(int handle)
+{
+    return reinterpret_cast<void *>(static_cast<intptr_t>(handle));
+}
+
+void resume_listener(void *param, int)
+{
+    csock_rec *r = lookup(static_cast<int>(reinterpret_cast<intptr_t>(param)));
+    if (!r)
+        return;
+    r->pause_timer = 0;
+    if (!r->in_epoll && owns_fd(r))
+        r->in_epoll = epoll_register(r, EPOLL_CTL_ADD);
+}
+
+// Out of descriptors or memory the connection stays queued and the listener
+// would be ready again at once: it rests for a while instead of spinning.
+void pause_listener(csock_rec *r)
+{
+    int id = timeout_add(resume_listener, kAcceptPauseSec, handle_param(r->handle));
+    if (id < 0)
+        return;
+    stop_watching(r);
+    r->pause_timer = id;
+}
+
 int accept_one(csock_rec *r)
 {
     int fd = accept4(r->fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-            syslog(LOG_ERR, "csock: accept on %s failed: %s", r->name, strerror(errno));
-        return 0;
+    if (fd >= 0) {
+        if (r->acceptcb(fd, r->ctx) != 0)
+            close(fd);
+        return 1;
     }
-    if (r->acceptcb(fd, r->ctx) != 0)
-        close(fd);
-    return 1;
+    int err = errno;
+    if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == ECONNABORTED)
+        return 0;
+    syslog(LOG_ERR, "csock: accept on %s failed: %s", r->name, strerror(err));
+    pause_listener(r);
+    return 0;
 }
 
 int call(csock_rec *r, csock_cb cb)
@@ -265,10 +328,8 @@ int dispatch(uint32_t ev, csock_rec *r)
         n += call(r, r->errcb);
     // Nobody reads a hung-up descriptor without a read callback: stop
     // watching it, or the wait would return at once forever.
-    if (broken && !r->closed && !r->readcb && r->in_epoll) {
-        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
-        r->in_epoll = false;
-    }
+    if (broken && !r->closed && !r->readcb)
+        stop_watching(r);
     return n;
 }
 
@@ -297,13 +358,18 @@ int csock_init(void)
 
 void csock_exit(void)
 {
-    for (unsigned i = 0; i < g_nslots; i++)
+    for (unsigned i = 0; i < g_nslots; i++) {
+        if (g_slots[i] && g_slots[i]->pause_timer > 0)
+            timeout_del(g_slots[i]->pause_timer);
         kd_free(g_slots[i]);
+    }
     kd_free(g_slots);
     kd_free(g_gens);
+    kd_free(g_fdown);
     g_slots = nullptr;
     g_gens = nullptr;
-    g_nslots = g_cursor = 0;
+    g_fdown = nullptr;
+    g_nslots = g_cursor = g_nfdown = 0;
     g_dead_head = g_dead_tail = g_pending = nullptr;
     if (g_epfd >= 0 && g_eppid == getpid())
         close(g_epfd);
@@ -314,6 +380,8 @@ int csock_add_listenfd(int fd, const char *name, csock_accept_cb acceptcb, csock
 {
     if (!acceptcb || fd < 0 || listen(fd, kBacklog) != 0)
         return -1;
+    // A connection that goes away between readiness and accept must not block the loop.
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     csock_rec proto{};
     proto.fd = fd;
     strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
@@ -345,7 +413,7 @@ void csock_want_write(int handle, int on)
     if (!r || r->acceptcb || r->want_write == (on != 0))
         return;
     r->want_write = on != 0;
-    if (r->in_epoll)
+    if (r->in_epoll && owns_fd(r))
         epoll_register(r, EPOLL_CTL_MOD);
 }
 
