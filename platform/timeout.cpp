@@ -44,6 +44,13 @@ int64_t now_ns()
     return static_cast<int64_t>(ts.tv_sec) * kNsPerSec + ts.tv_nsec;
 }
 
+// Due times saturate, so that the longest interval counted from a late clock
+// never wraps into the past and fires at once.
+int64_t later(int64_t base, int64_t delta)
+{
+    return base > INT64_MAX - delta ? INT64_MAX : base + delta;
+}
+
 timer_rec *find(int id)
 {
     for (timer_rec *t = g_head; t; t = t->next) {
@@ -104,6 +111,8 @@ int next_id()
 
 int add_ns(timeout_cb cb, int64_t delay_ns, void *param, int repeating)
 {
+    if (!cb)
+        return -1;
     auto *t = static_cast<timer_rec *>(kd_calloc(1, sizeof(timer_rec)));
     if (!t)
         return -1;
@@ -112,7 +121,7 @@ int add_ns(timeout_cb cb, int64_t delay_ns, void *param, int repeating)
     t->interval_ns = delay_ns;
     t->cb = cb;
     t->param = param;
-    insert_timer(t, now_ns() + delay_ns);
+    insert_timer(t, later(now_ns(), delay_ns));
     return t->id;
 }
 
@@ -129,9 +138,9 @@ timer_rec *first_runnable(int64_t now, uint64_t cutoff)
 // A repeating timer keeps its phase unless the loop fell a whole interval behind.
 void rearm(timer_rec *t, int64_t now)
 {
-    int64_t due = t->due_ns + t->interval_ns;
+    int64_t due = later(t->due_ns, t->interval_ns);
     if (due <= now)
-        due = now + t->interval_ns;
+        due = later(now, t->interval_ns);
     unlink_timer(t);
     insert_timer(t, due);
 }
@@ -180,7 +189,7 @@ int timeout_restartex(int id, uint32_t seconds)
         return -1;
     t->interval_ns = static_cast<int64_t>(seconds) * kNsPerSec;
     unlink_timer(t);
-    insert_timer(t, now_ns() + t->interval_ns);
+    insert_timer(t, later(now_ns(), t->interval_ns));
     return 0;
 }
 

@@ -11,7 +11,8 @@ typedef void (*timeout_cb)(void *param, int id);
 int timeout_init(void);
 void timeout_exit(void);
 
-// Returns the timer's identifier (> 0), or -1 when no memory is left.
+// Returns the timer's identifier (> 0), or -1 without a callback or memory.
+// Due times saturate at the end of the clock instead of wrapping.
 int timeout_add(timeout_cb cb, uint32_t seconds, void *param, int repeating = 0);
 int timeout_add_ms(timeout_cb cb, uint32_t msec, void *param, int repeating = 0);
 // 0 when the timer existed, -1 otherwise.

@@ -246,4 +246,45 @@ TEST_F(Timeout, HookRunsAfterEveryCallback)
     EXPECT_EQ(g_after_calls, 2);
 }
 
+TEST_F(Timeout, LongestDelayOnALateClockDoesNotWrapIntoThePast)
+{
+    g_now = INT64_MAX - 2000000000 * kSec;
+    timeout_add(log_cb, UINT32_MAX, (void *)"far");
+    EXPECT_EQ(timeout_next_ms(), INT_MAX);
+    EXPECT_EQ(round(), 0);
+    int id = timeout_add(log_cb, 1, (void *)"near");
+    EXPECT_EQ(timeout_restartex(id, UINT32_MAX), 0);
+    EXPECT_EQ(round(), 0);
+    EXPECT_TRUE(g_log.empty());
+}
+
+TEST_F(Timeout, RepeatingLongestIntervalDoesNotWrapWhenRearmed)
+{
+    g_now = INT64_MAX - 5000000000 * kSec;
+    timeout_add(log_cb, UINT32_MAX, (void *)"r", 1);
+    g_now += static_cast<int64_t>(UINT32_MAX) * kSec;
+    EXPECT_EQ(round(), 1);
+    EXPECT_EQ(timeout_next_ms(), INT_MAX); // re-armed into the future
+    EXPECT_EQ(round(), 0);
+    EXPECT_EQ(g_log.size(), 1u);
+}
+
+TEST_F(Timeout, TimerWithoutCallbackIsRefused)
+{
+    EXPECT_EQ(timeout_add(nullptr, 0, nullptr), -1);
+    EXPECT_EQ(timeout_count(), 0u);
+}
+
+TEST_F(Timeout, RepeatingTimerRestartsItselfWithANewInterval)
+{
+    timeout_add(+[](void *, int id) {
+        g_log.push_back("r");
+        EXPECT_EQ(timeout_restartex(id, 7), 0);
+    }, 1, nullptr, 1);
+    g_now += kSec;
+    EXPECT_EQ(round(), 1);
+    EXPECT_EQ(timeout_next_ms(), 7000);
+    EXPECT_EQ(round(), 0);
+}
+
 } // namespace
