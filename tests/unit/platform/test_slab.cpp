@@ -2,8 +2,12 @@
 // injected failures and calloc overflow.
 #include "platform/slab.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <syslog.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -164,6 +168,101 @@ TEST_F(Slab, DoubleFreeAborts)
             kd_free(p);
         },
         "");
+}
+
+TEST_F(Slab, ReallocMovesTheAccountToTheReallocatingTag)
+{
+    void *p = slab_dmalloc(4, "grower_a.cpp", 10);
+    EXPECT_EQ(slab_live_count_for("grower_a.cpp"), 1u);
+    p = slab_drealloc(p, 40, "grower_b.cpp", 20);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(slab_live_count_for("grower_a.cpp"), 0u);
+    EXPECT_EQ(slab_live_count_for("grower_b.cpp"), 1u);
+    EXPECT_EQ(slab_live_bytes(), bytes_ + 40);
+    slab_cbcontext_free(p, "grower_b.cpp", 30);
+    EXPECT_EQ(slab_live_count_for("grower_b.cpp"), 0u);
+}
+
+TEST_F(Slab, EveryBlockIsAlignedForAnyType)
+{
+    constexpr size_t kAlign = alignof(std::max_align_t);
+    void *a = kd_malloc(1);
+    void *b = kd_realloc(kd_malloc(3), 333);
+    char *c = kd_strndup("odd", 3);
+    for (void *p : {a, b, static_cast<void *>(c)}) {
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % kAlign, 0u);
+        kd_free(p);
+    }
+}
+
+TEST_F(Slab, ReallocBeyondAnySizeFailsAndKeepsTheBlock)
+{
+    auto *p = static_cast<char *>(kd_malloc(6));
+    memcpy(p, "still", 6);
+    EXPECT_EQ(kd_realloc(p, SIZE_MAX), nullptr);
+    EXPECT_EQ(kd_realloc(p, SIZE_MAX - 8), nullptr);
+    EXPECT_STREQ(p, "still");
+    EXPECT_EQ(slab_live_count(), count_ + 1);
+    EXPECT_EQ(slab_live_bytes(), bytes_ + 6);
+    kd_free(p);
+}
+
+TEST_F(Slab, StrndupStopsAtTheTerminatorOfAShortHeapString)
+{
+    // The limit is far beyond the buffer: only up to the terminator may be read.
+    char *src = new char[3]{'a', 'b', '\0'};
+    char *d = kd_strndup(src, 4096);
+    EXPECT_STREQ(d, "ab");
+    EXPECT_EQ(slab_live_bytes(), bytes_ + 3);
+    kd_free(d);
+    delete[] src;
+}
+
+TEST_F(Slab, StrndupReadsNoMoreThanTheLimit)
+{
+    char *src = new char[5]{'a', 'b', 'c', 'd', 'e'}; // no terminator at all
+    char *d = kd_strndup(src, 5);
+    EXPECT_STREQ(d, "abcde");
+    kd_free(d);
+    delete[] src;
+}
+
+// The dump as syslog writes it, caught through the copy syslog makes on
+// standard error; only for death-test children, which may rewire stderr.
+std::string captured_dump()
+{
+    int p[2];
+    if (pipe(p) != 0 || dup2(p[1], 2) < 0)
+        exit(3);
+    close(p[1]);
+    openlog("slabdump", LOG_PERROR, LOG_USER);
+    slab_dump_for_debug("kelpd");
+    closelog();
+    close(2);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(p[0], buf, sizeof(buf))) > 0)
+        text.append(buf, static_cast<size_t>(n));
+    return text;
+}
+
+TEST_F(Slab, DumpWritesCountAndBytesOfEveryLiveTagToSyslog)
+{
+    EXPECT_EXIT(
+        {
+            void *kept = slab_dmalloc(3, "dumped.cpp", 77);
+            void *gone = slab_dmalloc(5, "freed.cpp", 88);
+            slab_cbcontext_free(gone, "freed.cpp", 89);
+            std::string text = captured_dump();
+            (void)kept;
+            bool head = text.find("slab statistics of kelpd: ") != std::string::npos;
+            bool line = text.find("dumped.cpp:77 count=1 bytes=3\n") != std::string::npos;
+            bool idle = text.find("freed.cpp") == std::string::npos; // nothing live: not listed
+            exit(head && line && idle ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace
