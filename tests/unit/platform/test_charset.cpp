@@ -4,7 +4,9 @@
 #include "platform/slab.h"
 
 #include <gtest/gtest.h>
+#include <cstring>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -112,6 +114,42 @@ TEST(Charset, ConversionIsInPlaceAndNeverLonger)
     char buf[] = "R\xC3\xA9sum\xC3\xA9 \xE2\x80\x94 ok";
     ASSERT_EQ(ConvertStringFromUTF8ToISO8859_1_With_Fallback(buf, '-'), 1);
     EXPECT_STREQ(buf, "R\xE9sum\xE9 - ok");
+}
+
+TEST(Charset, BoundariesOfTheTwoByteRange)
+{
+    EXPECT_EQ(to_latin1("\xC2\x80"), "\x80");          // U+0080, the first two-byte one
+    EXPECT_EQ(to_latin1("\xC2\x7F"), "?\x7F");         // the second byte is no continuation
+    EXPECT_EQ(to_latin1("\xC3\xA9\xA9"), "\xE9?");     // one continuation too many
+    EXPECT_EQ(to_latin1(""), "");
+}
+
+TEST(Charset, LeadBytesBeyondTheCodeSpace)
+{
+    EXPECT_EQ(to_latin1("\xF4\x8F\xBF\xBF" "a"), "?a");  // U+10FFFF, valid but not Latin-1
+    EXPECT_EQ(to_latin1("\xF5\x80\x80\x80" "b"), "?b");
+    EXPECT_EQ(to_latin1("\xF7\xBF\xBF\xBF" "c"), "?c");
+    EXPECT_EQ(to_latin1("\xFC\x84\x80\x80\x80\x80" "d"), "?d"); // old six-byte form
+}
+
+TEST(Charset, FallbackMayItselfBeALatin1Byte)
+{
+    EXPECT_EQ(to_latin1("x\xE2\x82\xACy", '\xB7'), "x\xB7y");
+}
+
+TEST(Charset, TruncatedSequenceAtTheEndOfAnExactBufferIsNotReadBeyond)
+{
+    // Heap buffers of exactly the text's size: the decoder must stop at the terminator.
+    const std::pair<const char *, const char *> cases[] = {
+        {"\xF0\x9F\x98", "?"}, {"\xFC\x84\x80", "?"}, {"\xC3", "?"}, {"ab\xE2\x82", "ab?"}};
+    for (const auto &[text, expected] : cases) {
+        size_t n = strlen(text) + 1;
+        char *buf = new char[n];
+        memcpy(buf, text, n);
+        ASSERT_EQ(ConvertStringFromUTF8ToISO8859_1_With_Fallback(buf, '?'), 1);
+        EXPECT_STREQ(buf, expected);
+        delete[] buf;
+    }
 }
 
 } // namespace
