@@ -1,7 +1,8 @@
 // dsldstat: the gateway's internet status. On a host: the internet is usable
 // while the kernel has a default route (IPv4 or IPv6), read at each call.
 // The IPv4 table counts a route 0.0.0.0/0 that is up and not a reject
-// route; the IPv6 table a route ::/0 likewise, on any device (lo included).
+// route; the IPv6 table a route ::/0 likewise, on any device (the kernel
+// makes an IPv6 route through lo a reject route, which does not count).
 #pragma once
 #include <string_view>
 

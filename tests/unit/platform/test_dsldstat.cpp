@@ -2,7 +2,16 @@
 // /proc/net/ipv6_route texts, and agreement with the live tables.
 #include "platform/dsldstat.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <fstream>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
@@ -75,9 +84,8 @@ TEST(Dsldstat, Ipv6DefaultRouteIsUsable)
     EXPECT_EQ(dsldstat_parse_route6(t), 1);
 }
 
-TEST(Dsldstat, Ipv6DefaultOnLoopbackCounts)
+TEST(Dsldstat, Ipv6DefaultOnAnyDeviceCounts)
 {
-    // As made by "ip -6 route add default dev lo".
     EXPECT_EQ(dsldstat_parse_route6(route6(kV6Zero, "00", "00000001", "lo")), 1);
 }
 
@@ -119,6 +127,85 @@ TEST(Dsldstat, InitOpensNothing)
     close(again);
     EXPECT_EQ(again, probe);
     dsldstat_exit();
+}
+
+// Helpers for a child in its own network namespace, which starts without any
+// route; each returns false when the kernel refused.
+bool link_up(const char *name)
+{
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+    bool ok = s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    ifr.ifr_flags |= IFF_UP;
+    ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    close(s);
+    return ok;
+}
+
+bool default_route4(unsigned long request)
+{
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    rtentry rt{};
+    for (sockaddr *a : {&rt.rt_dst, &rt.rt_genmask})
+        reinterpret_cast<sockaddr_in *>(a)->sin_family = AF_INET;
+    rt.rt_flags = RTF_UP;
+    char dev[] = "lo";
+    rt.rt_dev = dev;
+    bool ok = s >= 0 && ioctl(s, request, &rt) == 0;
+    close(s);
+    return ok;
+}
+
+// A tunnel device that lives as long as the returned descriptor, or -1.
+int tunnel(const char *name)
+{
+    int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+    ifr.ifr_flags = IFF_TUN | IFF_NO_PI;
+    if (fd < 0 || ioctl(fd, TUNSETIFF, &ifr) != 0 || !link_up(name))
+        return -1;
+    return fd;
+}
+
+bool default_route6(unsigned long request, const char *dev)
+{
+    int s = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    in6_rtmsg rt{};
+    rt.rtmsg_flags = RTF_UP;
+    rt.rtmsg_metric = 1;
+    rt.rtmsg_ifindex = static_cast<int>(if_nametoindex(dev));
+    bool ok = s >= 0 && ioctl(s, request, &rt) == 0;
+    close(s);
+    return ok;
+}
+
+// Exit codes name the step that went wrong.
+int usable_follows_the_routes()
+{
+    if (unshare(CLONE_NEWNET) != 0)
+        return 2;
+    if (dsldstat_internet_usable() != 0 || !link_up("lo") || dsldstat_internet_usable() != 0)
+        return 3;
+    if (!default_route4(SIOCADDRT) || dsldstat_internet_usable() != 1)
+        return 4;
+    if (!default_route4(SIOCDELRT) || dsldstat_internet_usable() != 0)
+        return 5;
+    // The kernel turns an IPv6 route through lo into a reject route.
+    if (!default_route6(SIOCADDRT, "lo") || dsldstat_internet_usable() != 0)
+        return 6;
+    if (tunnel("kelp0") < 0 || !default_route6(SIOCADDRT, "kelp0") || dsldstat_internet_usable() != 1)
+        return 7;
+    if (!default_route6(SIOCDELRT, "kelp0") || dsldstat_internet_usable() != 0)
+        return 8;
+    return 0;
+}
+
+TEST(DsldstatDeathTest, EachCallReadsTheCurrentDefaultRoutes)
+{
+    // A private network namespace (the tests run as root) whose routes the test sets.
+    EXPECT_EXIT(exit(usable_follows_the_routes()), ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace
