@@ -59,6 +59,34 @@ void report_frames(int rfd)
         report_line(buf, used);
 }
 
+// Without a spare descriptor for the symbolised frames, bare addresses.
+void report_addresses(void *const *frames, int n)
+{
+    for (int i = 0; i < n; i++) {
+        char line[48];
+        int len = snprintf(line, sizeof(line), "#%d [%p]", i, frames[i]);
+        report_line(line, static_cast<size_t>(len));
+    }
+}
+
+void report_backtrace()
+{
+    void *frames[kMaxFrames];
+    int n = backtrace(frames, kMaxFrames);
+    int fds[2];
+    if (n <= 0)
+        return;
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        report_addresses(frames, n);
+        return;
+    }
+    // The frames fit into the pipe's buffer, so the writer never blocks.
+    backtrace_symbols_fd(frames, n, fds[1]);
+    close(fds[1]);
+    report_frames(fds[0]);
+    close(fds[0]);
+}
+
 void crash_handler(int sig)
 {
     int saved = errno;
@@ -67,16 +95,7 @@ void crash_handler(int sig)
     char head[48];
     int len = snprintf(head, sizeof(head), "crash: signal %d", sig);
     report_line(head, static_cast<size_t>(len));
-    void *frames[kMaxFrames];
-    int n = backtrace(frames, kMaxFrames);
-    int fds[2];
-    // The frames fit into the pipe's buffer, so the writer never blocks.
-    if (n > 0 && pipe2(fds, O_CLOEXEC) == 0) {
-        backtrace_symbols_fd(frames, n, fds[1]);
-        close(fds[1]);
-        report_frames(fds[0]);
-        close(fds[0]);
-    }
+    report_backtrace();
     errno = saved;
     // The handler was reset to the default action on entry: the raised
     // signal is delivered when the handler returns and ends the process.

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -45,6 +47,22 @@ TEST(ProcessDeathTest, SegfaultIsReportedAndKillsWithSigsegv)
             *g_null = 1;
         },
         ::testing::KilledBySignal(SIGSEGV), "crash: signal 11\n.*\\[0x[0-9a-f]+\\]");
+}
+
+TEST(ProcessDeathTest, WithoutAFreeDescriptorTheFramesAreBareAddresses)
+{
+    EXPECT_EXIT(
+        {
+            crashdump_set_echo_fd(2);
+            crashdump_init("test_platform");
+            int lowest = dup(2); // every number below it is taken
+            rlimit rl{};
+            getrlimit(RLIMIT_NOFILE, &rl);
+            rl.rlim_cur = static_cast<rlim_t>(lowest) + 1;
+            setrlimit(RLIMIT_NOFILE, &rl);
+            *g_null = 1;
+        },
+        ::testing::KilledBySignal(SIGSEGV), "crash: signal 11\n#0 \\[0x[0-9a-f]+\\]");
 }
 
 TEST(ProcessDeathTest, AbortIsReportedAndKillsWithSigabrt)
