@@ -109,6 +109,45 @@ TEST_F(Hazard, CallbackClosingItsHandleAndRegisteringTheDescriptorAgain)
     csock_close(a.timer, 0);
 }
 
+int g_peer_of_new = -1;
+
+// As a client teardown does: the descriptor first, then the handle; the
+// number then goes at once to a new connection in the same round.
+void replace_connection(int h, void *ctx)
+{
+    auto *p = static_cast<peer *>(ctx);
+    int fd = csock_fileno(h);
+    close(fd);
+    csock_close(h, 0);
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv), 0);
+    if (sv[0] != fd) { // usually the lowest free number is the old one already
+        ASSERT_EQ(dup2(sv[0], fd), fd);
+        close(sv[0]);
+    }
+    g_peer_of_new = sv[1];
+    p->timer = csock_add_fd(fd, "b", read_cb, nullptr, nullptr, err_cb, nullptr, p + 1);
+    send(sv[1], "new", 3, 0);
+}
+
+TEST_F(Hazard, DescriptorNumberReusedInTheSameRoundByANewHandle)
+{
+    int sv[2];
+    pair(sv);
+    peer ab[2] = {{"a", 0, 0, 0}, {"b", 0, 0, 0}};
+    add(sv[0], &ab[0], replace_connection, err_cb);
+    send(sv[1], "x", 1, 0);
+    close(sv[1]); // hung up too: the old handle's error callback must not run
+    forget(sv[1]);
+    EXPECT_EQ(csock_select(), 1);
+    ASSERT_GT(ab[0].timer, 0);
+    fds_.push_back(g_peer_of_new);
+    EXPECT_EQ(csock_select(), 1);
+    EXPECT_EQ(g_log, (std::vector<std::string>{"a:closed", "b:read:new"}));
+    EXPECT_EQ(csock_count(), 1u);
+    csock_close(ab[0].timer, 0);
+}
+
 void delete_timer_on_read(int h, void *ctx)
 {
     read_cb(h, ctx);
