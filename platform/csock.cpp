@@ -376,33 +376,39 @@ void csock_exit(void)
     g_epfd = -1;
 }
 
+namespace {
+
+csock_rec proto_rec(int fd, const char *name, csock_cb closecb, void *ctx)
+{
+    csock_rec proto{};
+    proto.fd = fd;
+    strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
+    proto.closecb = closecb;
+    proto.ctx = ctx;
+    return proto;
+}
+
+} // namespace
+
 int csock_add_listenfd(int fd, const char *name, csock_accept_cb acceptcb, csock_cb closecb, void *ctx)
 {
     if (!acceptcb || fd < 0 || listen(fd, kBacklog) != 0)
         return -1;
     // A connection that goes away between readiness and accept must not block the loop.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    csock_rec proto{};
-    proto.fd = fd;
-    strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
+    csock_rec proto = proto_rec(fd, name, closecb, ctx);
     proto.acceptcb = acceptcb;
-    proto.closecb = closecb;
-    proto.ctx = ctx;
     return add_record(&proto);
 }
 
 int csock_add_fd(int fd, const char *name, csock_cb readcb, csock_cb writecb, csock_cb exceptcb,
                  csock_cb errcb, csock_cb closecb, void *ctx)
 {
-    csock_rec proto{};
-    proto.fd = fd;
-    strncpy(proto.name, name ? name : "", sizeof(proto.name) - 1);
+    csock_rec proto = proto_rec(fd, name, closecb, ctx);
     proto.readcb = readcb;
     proto.writecb = writecb;
     proto.exceptcb = exceptcb;
     proto.errcb = errcb;
-    proto.closecb = closecb;
-    proto.ctx = ctx;
     proto.want_write = writecb != nullptr;
     return add_record(&proto);
 }

@@ -19,7 +19,9 @@ typedef int (*csock_accept_cb)(int fd, void *ctx);
 int csock_init(void);
 void csock_exit(void);
 
-// Puts fd into listening state (small backlog) and accepts on readability.
+// Puts fd into listening state (small backlog, non-blocking) and accepts on
+// readability. When an accept fails for lack of descriptors or memory the
+// listener rests for a second (one LOG_ERR line) instead of spinning.
 int csock_add_listenfd(int fd, const char *name, csock_accept_cb acceptcb, csock_cb closecb, void *ctx);
 
 // readcb: readable, or hang-up/error (so that the owner's read sees it);
@@ -57,6 +59,10 @@ int csock_sockaddr_set_unix(struct sockaddr_un *addr, const char *path);
 //   nothing) and gets no more callbacks.
 // - A hang-up or error runs readcb (if given), then errcb; a handle without a
 //   readcb stops being watched after its hang-up so the loop does not spin.
+//   Readability is watched only with a readcb, urgent data only with an
+//   exceptcb: data nobody reads never ends a wait.
+// - A handle whose descriptor its owner closed before csock_close, the number
+//   since registered again as a new handle, leaves the new registration alone.
 // - csock_select() returns 0 after a signal when no due timer ran; timers run
 //   after the socket callbacks of the same wake-up.
 // - csock_exit() frees every record without callbacks; csock can be used again

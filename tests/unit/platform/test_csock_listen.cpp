@@ -57,6 +57,7 @@ TEST_F(Listen, ListensAndHandsAcceptedDescriptorToTheCallback)
     accept_ctx a{0, -1, 0, 0};
     int h = csock_add_listenfd(lfd, "listener", on_accept, on_listener_closed, &a);
     ASSERT_GT(h, 0);
+    EXPECT_TRUE(fcntl(lfd, F_GETFL) & O_NONBLOCK); // a vanished connection never blocks accept
     int c = connect_to(&addr, len); // works only once the socket listens
     EXPECT_EQ(csock_select(), 1);
     ASSERT_GE(a.accepted, 0);
