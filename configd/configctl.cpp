@@ -16,6 +16,8 @@
 #include "platform/kd_paths.h"
 #include "platform/rpc_configd.h"
 #include "platform/rpc_wire.h"
+#include "util/kd_fd.h"
+#include "util/kd_mxml.h"
 
 static constexpr int ANSWER_TIMEOUT_S = 10;
 
@@ -35,16 +37,14 @@ static int connect_configd()
     sockaddr_un addr;
     if (csock_sockaddr_set_unix(&addr, KD_CONFIGD_SOCKET) < 0)
         return -1;
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
-        close(fd);
+    kd_unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd || connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0)
         return -1;
-    }
     // A configd that stopped answering must not hang a script for ever.
     timeval tv{ANSWER_TIMEOUT_S, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    return fd;
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    return fd.release();
 }
 
 static bool send_frame(int fd, uint8_t kind, uint32_t id, uint32_t tag, ...)
@@ -102,13 +102,13 @@ static int cmd_get(const char *domain)
 {
     if (!cfg_valid_domain(domain))
         return fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
-    int fd = connect_configd();
-    if (fd < 0)
+    kd_unique_fd fd(connect_configd());
+    if (!fd)
         return fail("cannot connect to configd at %s: %s", KD_CONFIGD_SOCKET, strerror(errno));
     rpc_msg m{};
     std::string why;
-    bool ok = send_frame(fd, RPCW_REQUEST, RPC_CONFIGD_GET_CONFIG, 1, domain) && await_reply(fd, &m, &why);
-    close(fd);
+    bool ok = send_frame(fd.get(), RPCW_REQUEST, RPC_CONFIGD_GET_CONFIG, 1, domain) &&
+              await_reply(fd.get(), &m, &why);
     if (!ok)
         return fail("get %s: %s", domain, why.empty() ? "cannot send request" : why.c_str());
     int rc = 0;
@@ -152,14 +152,14 @@ static bool read_input(const char *file, std::string *text, std::string *why)
 // order, so the fetch's reply proves the save went through.
 static int store_remote(const char *domain, mxml_node_t *doc)
 {
-    int fd = connect_configd();
-    if (fd < 0)
+    kd_unique_fd fd(connect_configd());
+    if (!fd)
         return fail("cannot connect to configd at %s: %s", KD_CONFIGD_SOCKET, strerror(errno));
     std::string why;
     rpc_msg m{};
-    bool ok = send_frame(fd, RPCW_REQUEST, RPC_CONFIGD_SAVE_CONFIG, 1, domain, doc) &&
-              send_frame(fd, RPCW_REQUEST, RPC_CONFIGD_GET_CONFIG, 2, domain) && await_reply(fd, &m, &why);
-    close(fd);
+    bool ok = send_frame(fd.get(), RPCW_REQUEST, RPC_CONFIGD_SAVE_CONFIG, 1, domain, doc) &&
+              send_frame(fd.get(), RPCW_REQUEST, RPC_CONFIGD_GET_CONFIG, 2, domain) &&
+              await_reply(fd.get(), &m, &why);
     if (!ok && why.empty())
         why = "cannot send the document";
     if (ok && m.tag == 1)
@@ -175,17 +175,12 @@ static int cmd_set(const char *domain, const char *file)
     std::string text, why;
     if (!read_input(file, &text, &why))
         return fail("%s", why.c_str());
-    mxml_node_t *doc = cfg_parse(text.c_str(), &why);
+    kd_mxml_tree doc(cfg_parse(text.c_str(), &why));
     if (doc)
-        why = cfg_check_document(doc);
-    if (!why.empty()) {
-        if (doc)
-            mxmlDelete(doc);
+        why = cfg_check_document(doc.get());
+    if (!why.empty())
         return fail("%s: %s", file, why.c_str());
-    }
-    int rc = store_remote(domain, doc);
-    mxmlDelete(doc);
-    return rc;
+    return store_remote(domain, doc.get());
 }
 
 static int usage()

@@ -17,6 +17,7 @@
 #include "platform/rpc_configd.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "util/kd_mxml.h"
 
 // Domains a connection subscribed to, as one "|name|name|" text.
 struct subscriber {
@@ -81,15 +82,14 @@ static void on_get(rpc_conn *c, rpc_msg *m)
         return;
     }
     std::string why;
-    mxml_node_t *doc = cfg_load(g_statedir, m->s, &why);
+    kd_mxml_tree doc(cfg_load(g_statedir, m->s, &why));
     if (!doc) {
         syslog(LOG_ERR, "domain '%s': %s", m->s, why.c_str());
         rpc_send_error(c, m->id, m->tag, why.c_str());
         return;
     }
-    if (rpc_send_reply(c, m->id, m->tag, doc) < 0)
+    if (rpc_send_reply(c, m->id, m->tag, doc.get()) < 0)
         rpc_send_error(c, m->id, m->tag, "document too large to send");
-    mxmlDelete(doc);
 }
 
 static void indicate_change(rpc_conn *saver, const char *domain)
