@@ -1,6 +1,7 @@
 #include "daemon/kd_daemon.h"
 
 #include "platform/kd_paths.h"
+#include "util/kd_fd.h"
 #include "util/kd_log.h"
 
 #include <cerrno>
@@ -102,24 +103,24 @@ void install_signals()
 // The lock lives as long as the process: the descriptor is never closed.
 int32_t take_lock()
 {
-    int fd = open(KD_PID_FILE, O_RDWR | O_CREAT, 0640);
-    if (fd < 0) {
+    kd_unique_fd fd(open(KD_PID_FILE, O_RDWR | O_CREAT, 0640));
+    if (!fd) {
         KD_LOG(1, LOG_CRIT, "unable to open lockfile %s in %s (Do you have write access?) - terminating",
                KD_PID_FILE, KD_RUN_DIR);
         return -1;
     }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         KD_LOG(1, LOG_CRIT,
                "unable to lock lockfile %s in %s (Is there another kelpd instance still active?)- terminating",
                KD_PID_FILE, KD_RUN_DIR);
-        close(fd);
         return -1;
     }
     // Not truncated: readers take only the leading number.
     char buf[10];
     int len = snprintf(buf, sizeof(buf), "%d\n", static_cast<int>(getpid()));
-    if (pwrite(fd, buf, static_cast<size_t>(len), 0) != len)
+    if (pwrite(fd.get(), buf, static_cast<size_t>(len), 0) != len)
         KD_LOG(1, LOG_ERR, "unable to write pid to lockfile %s: %s", KD_PID_FILE, strerror(errno));
+    fd.release();
     return 0;
 }
 
