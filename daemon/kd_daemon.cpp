@@ -1,3 +1,5 @@
+// kd_daemon: argument scan, signal handler, and the detach into the
+// background with the pid-file lock.
 #include "daemon/kd_daemon.h"
 
 #include "platform/kd_paths.h"

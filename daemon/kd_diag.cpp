@@ -1,3 +1,5 @@
+// kd_diag: the SIGUSR2 status dump; the dump file of subscribed feeds and the
+// syslog listing of connections and configuration trees with their records.
 #include "daemon/kd_diag.h"
 
 #include "client/kd_client.h"

@@ -1,3 +1,5 @@
+// kd_mainloop: the control socket and the loop that serves events, signal
+// flags and the rule that decides when the daemon has no work left.
 #include "daemon/kd_mainloop.h"
 
 #include "client/kd_client.h"

@@ -1,3 +1,5 @@
+// kd_log: the global verbosity and the assertion failure report (syslog and
+// standard error, then abort, so a test or a crash dump sees the expression).
 #include "util/kd_log.h"
 
 #include <cstdio>
