@@ -148,6 +148,25 @@ TEST_F(Hazard, DescriptorNumberReusedInTheSameRoundByANewHandle)
     csock_close(ab[0].timer, 0);
 }
 
+TEST_F(Hazard, ForkedChildRegistersOnlyTheNewestHandleOfAReusedNumber)
+{
+    int s1[2], s2[2];
+    pair(s1);
+    pair(s2);
+    peer a{"a", 0, 0, 0}, b{"b", 0, 0, 0};
+    add(s1[0], &a);
+    ASSERT_EQ(dup2(s2[0], s1[0]), s1[0]); // a's number now names b's connection
+    ASSERT_GT(add(s1[0], &b), 0);
+    send(s2[1], "x", 1, 0);
+    // The child makes its own epoll instance from the records it inherited.
+    EXPECT_EXIT(
+        {
+            csock_select();
+            exit(g_log == std::vector<std::string>{"b:read:x"} ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
 void delete_timer_on_read(int h, void *ctx)
 {
     read_cb(h, ctx);
