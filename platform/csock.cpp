@@ -349,6 +349,33 @@ int run_timers()
     return timeout_run_due_hook(run_pending_closes);
 }
 
+// A wait that returns at once (handles ready, a timer due) lets no blocked
+// signal in, so under steady traffic a pending one would wait for ever: the
+// signals the wait would have let in are let in now.
+bool deliver_pending_signals(const sigset_t *wait_mask)
+{
+    sigset_t pending;
+    if (sigpending(&pending) != 0 || sigisemptyset(&pending))
+        return false;
+    sigset_t old;
+    sigprocmask(SIG_SETMASK, wait_mask, &old);
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    return true;
+}
+
+// Socket callbacks of one wake-up, then the timers due; records closed on
+// the way are freed once the outermost round ends.
+int dispatch_round(const epoll_event *evs, int n)
+{
+    timeout_round_begin();
+    g_depth++;
+    int ran = dispatch_events(evs, n);
+    ran += run_timers();
+    if (--g_depth == 0)
+        free_dead();
+    return ran;
+}
+
 } // namespace
 
 int csock_init(void)
@@ -434,14 +461,10 @@ int csock_select(void)
         int n = epoll_pwait(g_epfd, evs, kMaxEvents, timeout_next_ms(), &none);
         if (n < 0 && errno != EINTR)
             return -1;
-        timeout_round_begin();
-        g_depth++;
-        int ran = n > 0 ? dispatch_events(evs, n) : 0;
-        ran += run_timers();
-        if (--g_depth == 0)
-            free_dead();
+        bool signalled = n < 0 || deliver_pending_signals(&none);
+        int ran = dispatch_round(evs, n > 0 ? n : 0);
         // A wait that timed out a hair early has nothing to report: wait again.
-        if (n != 0 || ran > 0)
+        if (n != 0 || ran > 0 || signalled)
             return ran;
     }
 }

@@ -4,6 +4,7 @@
 #include "csock_fixture.h"
 
 #include <algorithm>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/un.h>
@@ -276,6 +277,57 @@ TEST_F(Hazard, BusyHandleAndZeroIntervalTimerStarveNobody)
         std::sort(g_log.begin(), g_log.end());
         EXPECT_EQ(g_log, (std::vector<std::string>{"a:busy", "b:read:y", "tick"}));
     }
+}
+
+volatile sig_atomic_t g_signals;
+
+// SIGUSR1 blocked outside the wait, as the daemon does with the signals it serves.
+class blocked_usr1 {
+public:
+    blocked_usr1()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &set, &oldmask_);
+        struct sigaction sa{};
+        sa.sa_handler = +[](int) { g_signals = g_signals + 1; };
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGUSR1, &sa, &oldsa_);
+        g_signals = 0;
+    }
+    ~blocked_usr1()
+    {
+        sigaction(SIGUSR1, &oldsa_, nullptr);
+        sigprocmask(SIG_SETMASK, &oldmask_, nullptr);
+    }
+private:
+    sigset_t oldmask_;
+    struct sigaction oldsa_{};
+};
+
+TEST_F(Hazard, SignalIsLetInWhileHandlesAreBusy)
+{
+    int sv[2];
+    pair(sv);
+    peer busy{"a", 0, 0, 0};
+    add(sv[0], &busy, never_drains);
+    send(sv[1], "x", 1, 0);
+    blocked_usr1 guard;
+    raise(SIGUSR1);
+    EXPECT_EQ(csock_select(), 1); // the wait returned at once with the busy handle
+    EXPECT_EQ(g_signals, 1);
+}
+
+TEST_F(Hazard, SignalIsLetInWhileAZeroIntervalTimerRepeats)
+{
+    timeout_add(log_timer, 0, (void *)"tick", 1);
+    blocked_usr1 guard;
+    raise(SIGUSR1);
+    EXPECT_EQ(csock_select(), 1);
+    EXPECT_EQ(g_signals, 1);
+    EXPECT_EQ(csock_select(), 1); // nothing pending any more: just the timer
+    EXPECT_EQ(g_signals, 1);
 }
 
 void close_own(int h, void *) { csock_close(h, 0); }
