@@ -6,7 +6,9 @@
 //
 // Signals: csock_select() waits with every signal unblocked (epoll_pwait), so
 // a program blocks the signals it handles and they are delivered only while it
-// sleeps here; a signal pending before the wait ends it at once.
+// sleeps here; a signal pending before the wait ends it at once, and one
+// pending when the wait returns at once anyway (busy handles, a due timer)
+// is let in before csock_select() returns.
 #pragma once
 #include <cstddef>
 #include <sys/un.h>
