@@ -37,6 +37,11 @@ mxml_node_t *kd_get_domain_from_node(mxml_node_t *node);
 kd_profile *kd_get_profile_from_item(mxml_node_t *node);
 uint32_t kd_extract_pollfreq(mxml_node_t *entry);
 int kd_feed_in_use(mxml_node_t *entry);
+// The root's "pool" child and the pool's "entry" children: direct children
+// only, the elements that feed records hang off. Null at the end or for null.
+mxml_node_t *kd_pool_of(mxml_node_t *root);
+mxml_node_t *kd_first_entry(mxml_node_t *pool);
+mxml_node_t *kd_next_entry(mxml_node_t *entry, mxml_node_t *pool);
 
 // --- configd session ---
 // Messages of the configd interface that the daemon uses.

@@ -38,6 +38,21 @@ mxml_node_t *kd_get_domain_from_node(mxml_node_t *node)
     return node;
 }
 
+mxml_node_t *kd_pool_of(mxml_node_t *root)
+{
+    return root ? mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
+}
+
+mxml_node_t *kd_first_entry(mxml_node_t *pool)
+{
+    return pool ? mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
+}
+
+mxml_node_t *kd_next_entry(mxml_node_t *entry, mxml_node_t *pool)
+{
+    return mxmlFindElement(entry, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND);
+}
+
 // Only element nodes are looked at on the way up; text nodes have no name.
 kd_profile *kd_get_profile_from_item(mxml_node_t *node)
 {

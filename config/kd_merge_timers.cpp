@@ -13,16 +13,10 @@
 
 namespace {
 
-mxml_node_t *pool_of(mxml_node_t *root)
-{
-    return root ? mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
-}
-
 bool feed_attached_in(mxml_node_t *root, const void *feed)
 {
-    mxml_node_t *pool = pool_of(root);
-    for (mxml_node_t *e = mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST); e;
-         e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND))
+    mxml_node_t *pool = kd_pool_of(root);
+    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool))
         if (mxmlGetUserData(e) == feed)
             return true;
     return false;
@@ -86,9 +80,8 @@ void kd_add_immediate_refresh(kd_node *feed)
 
 void kd_refresh_domain_timers(mxml_node_t *root)
 {
-    mxml_node_t *pool = pool_of(root);
-    for (mxml_node_t *e = mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST); e;
-         e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND)) {
+    mxml_node_t *pool = kd_pool_of(root);
+    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool)) {
         auto *n = static_cast<kd_node *>(mxmlGetUserData(e));
         if (!n)
             continue;

@@ -128,9 +128,8 @@ static void free_domain(mxml_node_t **slot)
     mxml_node_t *root = *slot;
     if (!root)
         return;
-    mxml_node_t *pool = mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND_FIRST);
-    for (mxml_node_t *e = pool ? mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND_FIRST) : nullptr;
-         e; e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_NO_DESCEND)) {
+    mxml_node_t *pool = kd_pool_of(root);
+    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool)) {
         auto *feed = static_cast<kd_node *>(mxmlGetUserData(e));
         // A poll left running would fire on a freed record.
         if (feed && feed->timer > 0)

@@ -54,11 +54,10 @@ long due_seconds(const kd_node *n)
 void dump_pool(FILE *f, const char *heading, mxml_node_t *root)
 {
     fputs(heading, f);
-    mxml_node_t *pool = root ? mxmlFindElement(root, root, "pool", nullptr, nullptr, MXML_DESCEND) : nullptr;
-    if (!pool)
-        return;
-    for (mxml_node_t *e = mxmlFindElement(pool, pool, "entry", nullptr, nullptr, MXML_DESCEND); e;
-         e = mxmlFindElement(e, pool, "entry", nullptr, nullptr, MXML_DESCEND)) {
+    // Only the pool that the merge uses: a "pool" nested in a profile, say,
+    // must not hide the feeds.
+    mxml_node_t *pool = kd_pool_of(root);
+    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool)) {
         if (!mxmlGetUserData(e))
             continue;
         const char *name = mxmlElementGetAttr(e, "name");

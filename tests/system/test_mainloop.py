@@ -119,6 +119,23 @@ def test_dump_lists_subscribed_entries_and_the_trees(ns):
     assert tree[i + 3] == "   </profile>"
 
 
+def test_dump_ignores_a_pool_nested_before_the_real_one(ns):
+    # The first "pool" in document order sits inside <profiles>; the feeds
+    # hang off the root's own pool, and that is the one the dump lists.
+    doc = ('<?xml version="1.0"?><profiles><pool><entry id="9" url="http://feeds.test/n.xml"/></pool>'
+           '<profile id="1"><item entry="1"/></profile></profiles>'
+           '<pool><entry id="1" url="http://feeds.test/a.xml" name="A" poll="600"/></pool>')
+    start_with_config(ns, doc)
+    pid = start(ns, "-vvv")
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    ns.signal(pid, signal.SIGUSR2)
+    ns.syslog.wait_for(re.compile("^slab statistics"))
+    rss, pod = read(ns, DUMP).split("Podcast pool:\n")
+    for part in (rss[len("RSS pool:\n"):], pod):
+        assert part.startswith("[A] http://feeds.test/a.xml  [#refs=1 "), part
+
+
 def test_sigterm_without_clients_ends_with_zero(ns):
     ns.silent_configd()
     pid = start(ns, "-vv")
