@@ -330,6 +330,24 @@ TEST_F(Hazard, SignalIsLetInWhileAZeroIntervalTimerRepeats)
     EXPECT_EQ(g_signals, 1);
 }
 
+void count_busy(int, void *ctx) { static_cast<peer *>(ctx)->closes++; }
+
+TEST_F(Hazard, MoreBusyHandlesThanOneWaitReturnsAreAllServedInTurn)
+{
+    constexpr int kBusy = 100; // more than one wait hands over
+    std::vector<peer> peers(kBusy, peer{"p", 0, 0, 0});
+    for (auto &p : peers) {
+        int sv[2];
+        pair(sv);
+        ASSERT_GT(add(sv[0], &p, count_busy), 0);
+        send(sv[1], "x", 1, 0); // never read: ready in every wait
+    }
+    EXPECT_GT(csock_select(), 0);
+    EXPECT_GT(csock_select(), 0);
+    for (const auto &p : peers)
+        EXPECT_GE(p.closes, 1);
+}
+
 void close_own(int h, void *) { csock_close(h, 0); }
 
 TEST_F(Hazard, HundredsOfReadyClientsAllServedAndClosedOnce)
