@@ -279,6 +279,8 @@ http {
     def wait_exit(self, pid, timeout=15):
         """Exit status of a daemon (negative: killed by that signal)."""
         self._wait_until(lambda: self._reap(pid) is not None, timeout, "exit of %d" % pid)
+        # Everything the daemon logged is in the socket queue by now.
+        self.syslog.sync()
         return self._exits[pid]
 
     def alive(self, pid):

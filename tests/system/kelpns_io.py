@@ -41,11 +41,15 @@ class SyslogReader:
         self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._sock.bind(sock_path)
         os.chmod(sock_path, 0o666)
+        self._path = sock_path
         self._recs = []
+        self._synced = 0
         self._cond = threading.Condition()
         self._stop = False
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
+
+    _SYNC = b"<15>kelpns-sync "
 
     def _run(self):
         while not self._stop:
@@ -57,8 +61,26 @@ class SyslogReader:
             except OSError:
                 break
             with self._cond:
-                self._recs.append(parse_syslog(data))
+                if data.startswith(self._SYNC):
+                    self._synced = int(data[len(self._SYNC):])
+                else:
+                    self._recs.append(parse_syslog(data))
                 self._cond.notify_all()
+
+    def sync(self, timeout=15):
+        """Returns once every datagram already sent (e.g. by a process that
+        has ended) has been read: the socket queue is first in, first out."""
+        with self._cond:
+            n = self._synced + 1
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+            s.sendto(self._SYNC + str(n).encode(), self._path)
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while self._synced < n:
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise TimeoutError("syslog reader did not catch up")
+                self._cond.wait(left)
 
     def close(self):
         self._stop = True
