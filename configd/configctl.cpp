@@ -57,6 +57,8 @@ static bool send_frame(int fd, uint8_t kind, uint32_t id, uint32_t tag, ...)
     va_end(ap);
     for (size_t off = 0; ok && off < b.len;) {
         ssize_t n = send(fd, b.data + off, b.len - off, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
         ok = n > 0;
         off += ok ? size_t(n) : 0;
     }
@@ -79,6 +81,10 @@ static int await_reply(int fd, rpc_msg *m, std::string *why)
         if (r == 0) {
             char buf[65536];
             ssize_t n = read(fd, buf, sizeof buf);
+            // A socket with a time-out fails with EINTR after a stop and
+            // continue (^Z, fg) even without a signal handler.
+            if (n < 0 && errno == EINTR)
+                continue;
             if (n <= 0 || !rpcw_buf_append(&in, buf, size_t(n))) {
                 bool slow = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
                 *why = slow ? "no answer from configd within 10 s" : "connection to configd closed";

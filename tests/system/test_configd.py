@@ -1,6 +1,7 @@
 """The reference configd and configctl: storage, refusals, change
 indications, robustness against bad peers, atomic saves."""
 import os
+import platform
 import re
 import signal
 import socket
@@ -308,3 +309,43 @@ def test_configctl_gives_up_on_a_configd_that_never_answers(ns):
     assert "no answer from configd" in line
     line = one_line_error(set_doc(ns, "rss", DOC))
     assert "no answer from configd" in line
+
+
+def proc_status(ns, pid):
+    with open(ns.path("/proc/%d/status" % pid)) as f:
+        fields = dict(line.split(":", 1) for line in f if ":" in line)
+    return fields["State"].split()[0], int(fields["voluntary_ctxt_switches"])
+
+
+READ_SYSCALL = {"x86_64": "0", "aarch64": "63"}.get(platform.machine())
+
+
+def blocked_in_read(ns, pid):
+    if proc_status(ns, pid)[0] != "S":
+        return False
+    with open(ns.path("/proc/%d/syscall" % pid)) as f:
+        return READ_SYSCALL is None or f.read().split()[0] == READ_SYSCALL
+
+
+def resleeping(ns, pid, switches):
+    state, now = proc_status(ns, pid)
+    return state == "S" and now > switches
+
+
+def test_configctl_survives_being_stopped_and_continued_while_waiting(ns):
+    # ^Z and fg while configctl waits: a socket with a time-out reports EINTR
+    # then, which must not pass for a closed connection.
+    configd = ns.start_configd()
+    assert set_doc(ns, "rss", DOC).returncode == 0
+    ns.signal(configd.pid, signal.SIGSTOP)
+    ctl = ns.spawn([ns.bin("configctl"), "get", "rss"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    ns._wait_until(lambda: blocked_in_read(ns, ctl.pid), 15, "configctl waiting for the answer")
+    ns.signal(ctl.pid, signal.SIGSTOP)
+    ns._wait_until(lambda: proc_status(ns, ctl.pid)[0] == "T", 15, "configctl stopped")
+    switches = proc_status(ns, ctl.pid)[1]
+    ns.signal(ctl.pid, signal.SIGCONT)
+    # Either it has given up, or it sleeps in its wait again.
+    ns._wait_until(lambda: ctl.poll() is not None or resleeping(ns, ctl.pid, switches), 15, "configctl resumed")
+    ns.signal(configd.pid, signal.SIGCONT)
+    out, err = ctl.communicate(timeout=30)
+    assert (ctl.returncode, err, out) == (0, "", DOC)
