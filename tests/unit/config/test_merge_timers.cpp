@@ -211,7 +211,7 @@ TEST_F(timers_test, UnlinkMessageNeedsVerbosityFour)
 TEST_F(timers_test, MergeMessagesNeedTheirVerbosity)
 {
     expect_threshold("config has no items", LOG_INFO, 2, [] { kd_config_empty(); });
-    auto refused = [this](const char *xml) {
+    auto refused = [](const char *xml) {
         mxml_node_t *doc = load_doc(xml);
         kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
         mxmlDelete(doc);
@@ -225,7 +225,7 @@ TEST_F(timers_test, MergeMessagesNeedTheirVerbosity)
 
 TEST_F(timers_test, NoMemoryMessagesNeedVerbosityOne)
 {
-    auto starved = [this](const std::string &xml) {
+    auto starved = [](const std::string &xml) {
         mxml_node_t *doc = load_doc(xml.c_str());
         slab_fail_after(0);
         kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
