@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <mxml.h>
 
+#include "client/kd_notify.h"
+
 struct kd_profile;
 struct kd_msg;
 
@@ -35,11 +37,3 @@ int send_request(kd_client *client, uint32_t cmd, const void *descriptor);
 // other commands are logged and not answered). The caller frees the request.
 void kd_handle_request(kd_client *client, kd_msg *req);
 
-// After a configuration merge replaced a profile's element (either may be
-// null: the profile appeared or vanished); tells its clients when the
-// subscriptions changed. Called before the old document is deleted.
-void kd_check_profupdate(mxml_node_t *old_profile, mxml_node_t *new_profile);
-
-// The internet status as the daemon sees it: dsldstat_internet_usable by
-// default; unit tests substitute their own.
-extern int (*kd_internet_usable)(void);

@@ -21,3 +21,6 @@ void kd_check_profupdate(mxml_node_t *old_profile, mxml_node_t *new_profile)
     KD_LOG(4, LOG_DEBUG, "[kddbg] check profile update: old %s, new %s", profile_id_text(old_profile),
            profile_id_text(new_profile));
 }
+
+void kd_send_overview(mxml_node_t *, kd_client *) {}
+void kd_entry_updated(mxml_node_t *) {}

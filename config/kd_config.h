@@ -67,3 +67,9 @@ void kd_refresh_domain_timers(mxml_node_t *root);
 void kd_refresh_timers(void);
 void kd_unlink_profile(kd_client *client, kd_profile *profile);
 int kd_config_empty(void);
+
+// --- read markers ---
+// Sets the bit of `index` in the subscription's "read"; 1 when it was clear.
+int kd_mark_read(mxml_node_t *item, uint32_t index);
+// Brings "first" in line with "read" and the feed's current first item.
+void kd_fix_readmarkers(mxml_node_t *item);

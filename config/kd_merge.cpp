@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/kd_client.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "config/kd_merge.h"
 #include "feed/kd_node.h"
