@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "client/kd_msg.h"
+#include "client/kd_push.h"
 #include "config/kd_config.h"
 #include "platform/csock.h"
 #include "platform/dsldstat.h"
@@ -83,9 +84,11 @@ kd_msg *receive_request(kd_client *c, kd_msg *msg)
     return nullptr;
 }
 
-// Takes every profile link out of both sides; stops if a link cannot be removed.
+// Takes every profile link out of both sides (stops if a link cannot be
+// removed) and drops the overviews still queued for the connection.
 void detach_profiles(kd_client *c)
 {
+    kd_drop_queued_overviews(c);
     while (c->nprofiles > 0) {
         uint32_t before = c->nprofiles;
         kd_unlink_profile(c, c->profiles[0]);

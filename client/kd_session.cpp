@@ -1,13 +1,15 @@
 // kd_session: login and logout, which link a connection and a profile both
-// ways, the lookup of a connection's profiles, placeholder profiles, and the
-// dispatch of a parsed request to its command.
+// ways, the lookup of a connection's profiles, and placeholder profiles.
 #include <cstring>
 
 #include "client/kd_client.h"
+#include "client/kd_command.h"
 #include "client/kd_msg.h"
+#include "client/kd_push.h"
 #include "config/kd_config.h"
 #include "platform/csock.h"
 #include "platform/slab.h"
+#include "platform/timeout.h"
 #include "util/kd_log.h"
 
 namespace {
@@ -82,7 +84,20 @@ uint32_t login_session(kd_client *c, const kd_msg *m, kd_profile **out)
     return link_profile(c, *out);
 }
 
-void handle_login(kd_client *c, kd_msg *m)
+
+// A login while the internet is down is answered first; the status message
+// follows at the next turn, and the retry wait starts unless it runs.
+void tell_offline(kd_profile *p)
+{
+    if (kd_internet_usable())
+        return;
+    timeout_add(status_update, 0, p);
+    kd_start_internet_retry();
+}
+
+} // namespace
+
+void kd_cmd_login(kd_client *c, kd_msg *m)
 {
     KD_LOG(2, LOG_NOTICE, "instance with api-version %d logging in for profile %d in domain %s [sd=%d]",
            static_cast<int>(m->version), static_cast<int>(m->profile_id), m->domain ? m->domain : "",
@@ -95,12 +110,15 @@ void handle_login(kd_client *c, kd_msg *m)
         return;
     }
     // A profile known to the configuration may bring feeds into use.
-    if (p->profile)
+    if (p->profile) {
+        schedule_overviews(c, p, m->domain);
         kd_refresh_timers();
+    }
+    tell_offline(p);
     send_response(c, m, p);
 }
 
-void handle_logout(kd_client *c, kd_msg *m)
+void kd_cmd_logout(kd_client *c, kd_msg *m)
 {
     kd_profile *p = find_client_profile(c, m->domain, m->profile_id);
     if (!p)
@@ -112,16 +130,6 @@ void handle_logout(kd_client *c, kd_msg *m)
         kd_disconnect_client(c);
     }
 }
-
-void handle_accounts(kd_client *c, kd_msg *m)
-{
-    kd_profile *p = find_client_profile(c, m->domain, m->profile_id);
-    if (!p)
-        m->error = KD_NOT_LOGGED_IN;
-    send_response(c, m, p);
-}
-
-} // namespace
 
 kd_profile *find_client_profile(kd_client *client, const char *domain, uint32_t profile_id)
 {
@@ -149,24 +157,4 @@ kd_profile *new_profile(uint32_t profile_id, const char *domain)
         (*head)->prev = p;
     *head = p;
     return p;
-}
-
-void kd_handle_request(kd_client *client, kd_msg *req)
-{
-    KD_ASSERT(client!=((void *)0));
-    KD_ASSERT(req!=((void *)0));
-    switch (req->cmd) {
-    case KD_CMD_LOGIN:
-        handle_login(client, req);
-        return;
-    case KD_CMD_LOGOUT:
-        handle_logout(client, req);
-        return;
-    case KD_CMD_ACCOUNTS:
-        handle_accounts(client, req);
-        return;
-    default:
-        KD_LOG(2, LOG_NOTICE, "unhandled command %d", static_cast<int>(req->cmd));
-        return;
-    }
 }

@@ -68,14 +68,15 @@ TEST_F(merge_test, LaterItemsOfAMergeShareTheRecordInDocumentOrder)
 TEST_F(merge_test, ProfilesMoveToTheirNewElements)
 {
     merge_rss(kBase);
+    int peer = login("rss", 1);
     kd_profile *p1 = profile_in(g_rssproflist, 1);
-    captured_log().clear();
     merge_rss(kBase);
     EXPECT_EQ(profile_in(g_rssproflist, 1), p1);
     EXPECT_EQ(p1->profile, profile_el("1"));
     EXPECT_EQ(mxmlGetUserData(p1->profile), p1);
-    EXPECT_TRUE(log_has("[kddbg] check profile update: old 1, new 1"));
-    EXPECT_FALSE(log_has("[kddbg] check profile update: old none, new 1"));
+    // The same subscriptions again: the client is told nothing.
+    pump();
+    EXPECT_EQ(answer(peer), "");
 }
 
 TEST_F(merge_test, NewProfileRecordsGoToTheHeadOfTheList)
@@ -263,15 +264,15 @@ TEST_F(merge_test, QueuedRefreshOfAFreedRecordIsDropped)
 TEST_F(merge_test, VanishedProfileBecomesPlaceholderWithItsConnections)
 {
     merge_rss(kBase);
-    login("rss", 1);
+    int peer = login("rss", 1);
     kd_profile *p = profile_in(g_rssproflist, 1);
     captured_log().clear();
     merge_rss(doc_with(entry("1", kUrlA), profile("2", "")));
     EXPECT_EQ(profile_in(g_rssproflist, 1), p);
     EXPECT_EQ(p->profile, nullptr);
     EXPECT_EQ(p->nconns, 1u);
-    EXPECT_TRUE(log_has("[kddbg] check profile update: old 1, new none"));
-    EXPECT_TRUE(log_has("[kddbg] check profile update: old 2, new 2"));
+    // The vanished profile's client gets its now empty feed list.
+    EXPECT_EQ(answer(peer), "OK\taccounts\tdomain:rss\tprofile_id:1");
     EXPECT_TRUE(log_has("stop poll on: http://feeds.test/a") || feed_of(g_rssdomain, "1") == nullptr);
     captured_log().clear();
     kd_trace_client(head);
@@ -281,14 +282,14 @@ TEST_F(merge_test, VanishedProfileBecomesPlaceholderWithItsConnections)
 TEST_F(merge_test, PlaceholderTakesTheElementWhenItAppears)
 {
     merge_rss(kBase);
-    login("rss", 3);
+    int peer = login("rss", 3);
     kd_profile *p = profile_in(g_rssproflist, 3);
     ASSERT_EQ(p->profile, nullptr);
     merge_rss(doc_with(entry("1", kUrlA), profile("3", item("1"))));
     EXPECT_EQ(profile_in(g_rssproflist, 3), p);
     ASSERT_NE(p->profile, nullptr);
     EXPECT_EQ(mxmlGetUserData(p->profile), p);
-    EXPECT_TRUE(log_has("[kddbg] check profile update: old none, new 3"));
+    EXPECT_EQ(answer(peer), "OK\taccounts\tdomain:rss\tprofile_id:3\tname:http://feeds.test/a\tfeed_id:1");
     EXPECT_TRUE(log_has("start 1200s poll on: http://feeds.test/a"));
 }
 

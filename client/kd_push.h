@@ -1,0 +1,28 @@
+// kd_push: the client service's own side of the notifications (kd_notify.h
+// is what the rest of the daemon sees): queued overviews at login, fresh
+// views of a profile, the internet status and its retry timer.
+#pragma once
+#include <cstdint>
+#include <mxml.h>
+
+struct kd_client;
+struct kd_profile;
+
+// Internet-retry timer (0 when none is pending) and its current wait in seconds.
+extern int32_t g_retry_timer;
+extern int32_t g_retry_wait;
+
+// Queues, for the next turn of the loop, one overview per subscription of
+// the profile whose feed has items, for one connection.
+void schedule_overviews(kd_client *client, kd_profile *profile, const char *domain);
+// Drops the overviews still queued for a connection that is going away.
+void kd_drop_queued_overviews(kd_client *client);
+// The feed list and all overviews of a profile, again, to all its connections.
+void new_client_view(kd_profile *p);
+// Timer callback and direct call: the internet status to every connection
+// of the profile (param).
+void status_update(void *param, int id);
+// Timer callback: waits for the internet, 30 s doubling up to 600 s.
+void internet_retry(void *param, int id);
+// Starts the retry wait at 30 s unless one is pending.
+void kd_start_internet_retry(void);
