@@ -242,3 +242,27 @@ def test_poll_lines_follow_the_verbosity(ns):
     ns._wait_until(lambda: 'name="Kelp News"' in stored(ns), 15, "title saved")
     texts = ns.syslog.texts()
     assert not any(t.startswith("HTTP OK") or t.startswith("setting feed title") for t in texts), texts
+
+
+def test_entry_without_url_is_not_fetched(ns):
+    rss = doc('<entry id="7" name="Nowhere" poll="600" />', profile(1, 7))
+    _, pid = start_all(ns, rss, "-vv")
+    c = Client(ns)
+    ns._wait_until(lambda: c.login(1).startswith("OK\tlogin\t"), 15, "login")
+    assert ns.syslog.wait_for("missing 'url' in entry '7'").prio == INFO
+    feeds, _, _ = dump(ns, pid)
+    # Never fetched: no error recorded, and no poll time to count down from.
+    assert (feeds[0]["children"], feeds[0]["lasterror"]) == (0, 0)
+    assert feeds[0]["due"] < -1000000
+
+
+def test_entry_without_url_is_silent_below_verbosity_two(ns):
+    rss = doc('<entry id="7" name="Nowhere" poll="600" />' + entry(1, "http://other.test:8080/x"),
+              profile(1, 1, 7))
+    _, pid = start_all(ns, rss, "-v")
+    c = Client(ns)
+    ns._wait_until(lambda: c.login(1).startswith("OK\tlogin\t"), 15, "login")
+    # The other feed's failure shows that the polls have run.
+    ns.syslog.wait_for("no connection to server [http://other.test:8080/x]")
+    dump(ns, pid)
+    assert ns.syslog.count("missing 'url' in entry '7'") == 0
