@@ -13,11 +13,8 @@
 #include "client/kd_push.h"
 #include "config/kd_config.h"
 #include "platform/csock.h"
-#include "platform/dsldstat.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
-
-int (*kd_internet_usable)(void) = dsldstat_internet_usable;
 
 namespace {
 
@@ -202,6 +199,23 @@ void client_closed(int, void *ctx)
         *cc->head = c->next;
     kd_free(c);
     kd_free(cc);
+}
+
+void kd_client_drop_profile(kd_client *client, kd_profile *profile)
+{
+    for (uint32_t i = 0; i < client->nprofiles; i++) {
+        if (client->profiles[i] != profile)
+            continue;
+        for (uint32_t j = i + 1; j < client->nprofiles; j++)
+            client->profiles[j - 1] = client->profiles[j];
+        client->nprofiles--;
+        return;
+    }
+}
+
+int kd_client_fd(const kd_client *client)
+{
+    return client ? csock_fileno(client->handle) : -1;
 }
 
 void kd_trace_client(kd_client *client)
