@@ -32,7 +32,7 @@ void usage(FILE *out)
             "commands:\n",
             KD_CTL_SOCKET);
     for (const command &c : commands())
-        fprintf(out, "  %-9s %-11s %s\n", c.name, c.args, c.help);
+        fprintf(out, "  %-9s %-12s %s\n", c.name, c.args, c.help);
     fprintf(out, "\n"
                  "Every command but raw logs in first. overview and status collect what the daemon\n"
                  "pushes after the login until every feed has its overview or no message came for\n"

@@ -12,6 +12,16 @@ std::string login_request(const options &opt)
     return "login\tv:" + std::to_string(opt.api) + "\t" + session_fields(opt);
 }
 
+// "OK" or "ERROR", the command's word, then its fields if any.
+bool is_answer(const std::string &text, const std::string &word)
+{
+    for (const std::string &head : {"OK\t" + word, "ERROR\t" + word}) {
+        if (text == head || starts_with(text, head + "\t"))
+            return true;
+    }
+    return false;
+}
+
 int no_answer(const options &opt)
 {
     return fail(kExitNoDaemon, "no answer from kelpd within " + std::to_string(opt.timeout_s) + " seconds");
@@ -34,7 +44,7 @@ int await_answer(const connection &c, const options &opt, const std::string &wor
             return no_answer(opt);
         if (st != 0 || interrupted())
             return st;
-        if (starts_with(*answer, "OK\t" + word + "\t") || starts_with(*answer, "ERROR\t" + word + "\t"))
+        if (is_answer(*answer, word))
             return 0;
     }
 }
