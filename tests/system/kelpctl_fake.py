@@ -49,6 +49,8 @@ class FakeDaemon:
                     self.conn.send(msg if isinstance(msg, bytes) else frame(msg))
             if self.close_after:
                 self.conn.close()
+        except (BrokenPipeError, ConnectionResetError):
+            pass  # kelpctl had what it needed and went before the script ended
         finally:
             self.done.set()
 

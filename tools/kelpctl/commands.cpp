@@ -32,11 +32,11 @@ int item_args(const std::string &word, const std::vector<std::string> &args, ite
 
 // Logs in, asks for one item and checks that the answer carries it: the daemon
 // answers "OK" without the item part for a feed that the profile lacks.
-int ask_item(const options &opt, const std::string &word, const std::vector<std::string> &args,
-             const std::string &key, std::vector<std::string> *fields)
+int ask_item(const options &opt, const std::string &name, const std::string &word,
+             const std::vector<std::string> &args, const std::string &key, std::vector<std::string> *fields)
 {
     item_ref ref;
-    if (int st = item_args(word == "body" ? "read" : word, args, &ref))
+    if (int st = item_args(name, args, &ref))
         return st;
     connection c;
     std::string answer;
@@ -58,7 +58,7 @@ int ask_item(const options &opt, const std::string &word, const std::vector<std:
 int print_url(const options &opt, const std::string &word, const std::vector<std::string> &args)
 {
     std::vector<std::string> fields;
-    int st = ask_item(opt, word, args, "url", &fields);
+    int st = ask_item(opt, word, word, args, "url", &fields);
     if (st || interrupted())
         return st;
     std::string url;
@@ -118,7 +118,7 @@ int cmd_accounts(const options &opt, const std::vector<std::string> &args)
 int cmd_read(const options &opt, const std::vector<std::string> &args)
 {
     std::vector<std::string> f;
-    int st = ask_item(opt, "body", args, "body", &f);
+    int st = ask_item(opt, "read", "body", args, "body", &f);
     if (st || interrupted())
         return st;
     size_t i = 0;

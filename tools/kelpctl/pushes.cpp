@@ -24,6 +24,24 @@ int wanted_feeds(const options &opt, const std::vector<std::string> &args, const
     return fail(kExitRefused, "feed " + args[0] + " is not one of profile " + std::to_string(opt.profile) + "'s feeds");
 }
 
+// The daemon pushes one overview per feed with items; feeds never fetched get
+// none, so the collection also ends when the pushes pause. The latest wins.
+int collect_overviews(const connection &c, const options &opt, const std::vector<feed_row> &feeds,
+                      std::map<std::string, overview> *got)
+{
+    size_t missing = feeds.size();
+    auto take = [&](const std::string &text) {
+        if (!starts_with(text, "overview\t"))
+            return false;
+        overview ov = parse_overview(text);
+        for (const feed_row &row : feeds)
+            missing -= row.id == ov.feed_id && !got->count(ov.feed_id) ? 1 : 0;
+        (*got)[ov.feed_id] = ov;
+        return missing == 0;
+    };
+    return collect(c, opt, take);
+}
+
 // A status message about the logged-in profile is a push; the answer to the
 // field-less status request names no profile.
 bool is_status_push(const options &opt, const std::string &text)
@@ -86,21 +104,8 @@ int cmd_overview(const options &opt, const std::vector<std::string> &args)
     std::vector<feed_row> feeds;
     int st = login_session(opt, &c, &answer);
     st = st || interrupted() ? st : wanted_feeds(opt, args, answer, &feeds);
-    if (st || interrupted())
-        return st;
-    // The daemon pushes one overview per feed with items; feeds never fetched get none.
     std::map<std::string, overview> got;
-    size_t missing = feeds.size();
-    auto take = [&](const std::string &text) {
-        if (!starts_with(text, "overview\t"))
-            return false;
-        overview ov = parse_overview(text);
-        for (const feed_row &row : feeds)
-            missing -= row.id == ov.feed_id && !got.count(ov.feed_id) ? 1 : 0;
-        got[ov.feed_id] = ov;
-        return missing == 0;
-    };
-    st = feeds.empty() ? 0 : collect(c, opt, take);
+    st = st || interrupted() || feeds.empty() ? st : collect_overviews(c, opt, feeds, &got);
     if (st || interrupted())
         return st;
     if (feeds.empty())
