@@ -1,8 +1,11 @@
 """kelpctl's commands against a scripted stand-in daemon: the exact requests
 each one sends after its login, what it prints, pushed messages that arrive
-before the answer, ERROR answers, API 2 against API 3, and watch."""
+before the answer, ERROR answers, API 2 against API 3, watch, and messages
+that no daemon should send."""
+import random
 import signal
 import subprocess
+import threading
 
 import pytest
 
@@ -275,6 +278,7 @@ GARBAGE = [
     b"\0" * 65536,                                               # empty text in a 64 KiB block
     b"x" * 65536,                                                # 64 KiB, no NUL
     b"overview" + b"\t" * 30000 + b"\0",
+    b"",                                                         # an empty packet is not the end
     b"OK\0",
     b"ERROR\0",
     b"OK\tenclosure\0",                                          # the answer to another request
@@ -318,15 +322,60 @@ def test_read_of_a_malformed_answer_prints_what_it_has(ns, fake):
     assert cp.stdout == "x\nimage at offset ?: \nimage at offset 99999999999999: y\n"
 
 
+def watch_lines(ns, fake, messages):
+    """Runs watch until it has printed a line for the login answer and one for
+    each message, then interrupts it; a daemon that closed could cut the
+    reading of an empty packet short, so this one stays."""
+    d, p = watching(ns, fake, [[LOGIN_OK] + messages])
+    guard = threading.Timer(60, p.kill)  # a line missing must fail, not hang
+    guard.start()
+    lines = [p.stdout.readline() for _ in range(1 + len(messages))]
+    guard.cancel()
+    assert d.done.wait(15)
+    p.send_signal(signal.SIGINT)
+    out, err = p.communicate(timeout=15)
+    assert (p.returncode, out, err) == (0, b"", b"")
+    return lines
+
+
 def test_watch_survives_malformed_pushes(ns, fake):
-    fake([[LOGIN_OK] + GARBAGE], close_after=True)
-    cp = ns.run([ns.bin("kelpctl"), "watch"], text=False)
-    assert cp.returncode == NO_DAEMON
-    lines = cp.stdout.split(b"\n")
-    assert lines[1] == b"overview domain=rss feed_id=4"
+    lines = watch_lines(ns, fake, GARBAGE)
+    assert lines[1] == b"overview domain=rss feed_id=4\n"
     assert lines[2].startswith(b"overview feed_id=4 number=99999999999999999999999 uid=\"\" state=99999999999 ")
-    assert lines[3] == b"(empty message)"
-    assert lines[4] == b"x" * 65536
-    assert lines[5] == b"overview" + b" \"\"" * 30000
-    assert lines[6:10] == [b"OK", b"ERROR", b"OK enclosure", b""]
-    assert cp.stderr == b"kelpctl: kelpd closed the connection\n"
+    assert lines[3] == b"(empty message)\n"
+    assert lines[4] == b"x" * 65536 + b"\n"
+    assert lines[5] == b"overview" + b" \"\"" * 30000 + b"\n"
+    assert lines[6:10] == [b"(empty message)\n", b"OK\n", b"ERROR\n", b"OK enclosure\n"]
+
+
+def random_messages(seed, count):
+    """Messages cut from protocol words, numbers too large, Latin-1 and control
+    bytes; some framed, some without a NUL, a few of 64 KiB."""
+    rnd = random.Random(seed)
+    tokens = ["overview", "OK", "ERROR", "login", "body", "status", "accounts", "\t", "\t", "\t", ":",
+              "uid:", "state:", "subject:", "feed_id:", "number:", "number_new:", "name:", "image:",
+              "offset:", "body:", "url:", "domain:", "profile_id:", "4", "9", "4294967296", "9" * 30,
+              "-1", "\xe9", "\x85", "\x1b", "\0", "\\", '"', " ", "\n", "\r"]
+    out = []
+    for _ in range(count):
+        text = "".join(rnd.choice(tokens) for _ in range(rnd.randrange(40))).encode("latin-1")
+        kind = rnd.randrange(10)
+        if kind == 0:
+            text = (text * (65536 // max(len(text), 1) + 1))[:65536]
+        out.append(text if kind < 3 else text + b"\0" * (64 - len(text) % 32))
+    return out
+
+
+@pytest.mark.parametrize("seed", [1, 2, 3])
+def test_watch_prints_one_line_for_each_of_many_random_messages(ns, fake, seed):
+    lines = watch_lines(ns, fake, random_messages(seed, 300))
+    assert all(line.endswith(b"\n") and b"\n" not in line[:-1] for line in lines)
+
+
+@pytest.mark.parametrize("seed", [4, 5])
+def test_overview_survives_many_random_messages(ns, fake, seed):
+    fake([[LOGIN_OK] + random_messages(seed, 300)])
+    cp = ns.run([ns.bin("kelpctl"), "overview"], text=False)
+    assert cp.returncode == 0
+    assert cp.stderr == b""
+    assert cp.stdout.startswith(b"feed 4 (News): ")

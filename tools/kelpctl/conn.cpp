@@ -48,6 +48,14 @@ int wait_readable(int fd, int timeout_ms)
     return g_interrupted ? -1 : r;
 }
 
+// A receive of 0 bytes is either the end or an empty packet: only the end
+// comes with a hang-up.
+bool peer_gone(int fd)
+{
+    pollfd p = {fd, POLLIN | POLLRDHUP, 0};
+    return poll(&p, 1, 0) != 1 || (p.revents & (POLLHUP | POLLRDHUP)) != 0;
+}
+
 } // namespace
 
 connection::~connection()
@@ -97,11 +105,11 @@ int receive_within(const connection &c, int timeout_ms, std::string *text)
     ssize_t len = recv(c.fd, &probe, 1, MSG_PEEK | MSG_TRUNC);
     if (len < 0)
         return fail(kExitNoDaemon, std::string("cannot receive from kelpd: ") + strerror(errno));
-    if (len == 0)
+    if (len == 0 && peer_gone(c.fd))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     std::string block(static_cast<size_t>(len), '\0');
     ssize_t got = recv(c.fd, block.data(), block.size(), 0);
-    if (got <= 0)
+    if (got < 0 || (got == 0 && len > 0))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     block.resize(static_cast<size_t>(got));
     *text = block.substr(0, block.find('\0'));
