@@ -43,7 +43,7 @@ int ask_item(const options &opt, const std::string &name, const std::string &wor
     int st = login_session(opt, &c, &answer);
     std::string request = word + "\t" + session_fields(opt) + "\tfeed_id:" + std::to_string(ref.feed) +
                           "\tuid:" + std::to_string(ref.uid);
-    st = st ? st : ask(c, opt, word, request, &answer);
+    st = st || interrupted() ? st : ask(c, opt, word, request, &answer);
     if (st || interrupted())
         return st;
     *fields = split_fields(answer);
@@ -108,7 +108,7 @@ int cmd_accounts(const options &opt, const std::vector<std::string> &args)
     connection c;
     std::string answer;
     int st = login_session(opt, &c, &answer);
-    st = st ? st : ask(c, opt, "accounts", "accounts\t" + session_fields(opt), &answer);
+    st = st || interrupted() ? st : ask(c, opt, "accounts", "accounts\t" + session_fields(opt), &answer);
     if (st || interrupted())
         return st;
     print_feeds(feeds_of(answer));
