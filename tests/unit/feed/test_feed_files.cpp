@@ -69,7 +69,7 @@ TEST_F(FeedFile, Rss092EnclosuresAndUntitledItem)
 
 TEST_F(FeedFile, Rss10ItemsBesideTheChannel)
 {
-    auto items = parse("rss10.rdf");
+    auto items = parse("rss10.xml");
     ASSERT_NE(p_.feed, nullptr);
     EXPECT_STREQ(p_.title, "Garden Diary");
     ASSERT_EQ(items.size(), 2u);
