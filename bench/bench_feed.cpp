@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -14,9 +15,12 @@
 
 namespace {
 
+// A file of the real-world corpus ($KELP_CORPUS, else the configured path).
 std::string corpus_file(const char *name)
 {
-    std::ifstream in(std::string(KELP_CORPUS) + "/feeds/" + name, std::ios::binary);
+    const char *env = getenv("KELP_CORPUS");
+    std::string root = env && *env ? env : KELP_CORPUS_DEFAULT;
+    std::ifstream in(root + "/feeds/" + name, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
@@ -27,7 +31,7 @@ void parse_file(benchmark::State &state, const char *name)
 {
     std::string doc = corpus_file(name);
     if (doc.empty()) {
-        state.SkipWithError("corpus file missing");
+        state.SkipWithError("corpus file missing (set KELP_CORPUS)");
         return;
     }
     int64_t items = 0;

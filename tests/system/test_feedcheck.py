@@ -4,14 +4,12 @@ import os
 import re
 import shutil
 
+from feed_files import big_feed, corpus, own
+
+OWN_FILES = ["rss091.xml", "rss092.xml", "rss10.xml", "rss20.xml", "atom.xml", "podcast.xml"]
 CORPUS_FILES = ["FeedReader__Rss091FullSample.xml", "FeedReader__AtomAdobe.xml",
                 "FeedReader__Rss20CTVNews.xml"]
-BIG = "feedjira__CRE.xml"  # larger than the HTTP client's response bound
-
-
-def corpus(name):
-    source = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(__file__), "..", ".."))
-    return os.path.join(source, "..", "shared", "corpus", "feeds", name)
+BIG = "big.xml"  # larger than the HTTP client's response bound
 
 
 def feedcheck(ns, *args):
@@ -39,23 +37,31 @@ def titles(out):
     return re.findall(r"^  title: (.*)$", out, re.M)
 
 
+def parses_with_items(ns, source):
+    path = put(ns, os.path.basename(source), open(source, "rb").read())
+    rc, out, err = feedcheck(ns, path)
+    assert rc == 0, (source, out, err)
+    assert out.startswith("result: 200\ncontent-type: (none)\n"), out
+    n = len(titles(out))
+    assert n > 0 and verdict(out) == ("%d item%s" % (n, "" if n == 1 else "s")), out
+
+
+def test_own_files_parse_with_items(ns):
+    for name in OWN_FILES:
+        parses_with_items(ns, own(name))
+
+
 def test_corpus_files_parse_with_items(ns):
     for name in CORPUS_FILES:
-        path = put(ns, name, open(corpus(name), "rb").read())
-        rc, out, err = feedcheck(ns, path)
-        assert rc == 0, (name, out, err)
-        assert out.startswith("result: 200\ncontent-type: (none)\n"), out
-        n = len(titles(out))
-        assert n > 0 and verdict(out) == ("%d item%s" % (n, "" if n == 1 else "s")), out
+        parses_with_items(ns, corpus(name))
 
 
-def test_rss091_sample_as_kelpd_holds_it(ns):
-    name = "FeedReader__Rss091FullSample.xml"
-    rc, out, _ = feedcheck(ns, put(ns, name, open(corpus(name), "rb").read()))
+def test_rss091_as_kelpd_holds_it(ns):
+    rc, out, _ = feedcheck(ns, put(ns, "rss091.xml", open(own("rss091.xml"), "rb").read()))
     assert rc == 0
-    assert "feed title: Scripting News\n" in out
-    assert titles(out) == ["stuff"]
-    assert "  body: 35 bytes: This is an article about some stuff\n" in out
+    assert "feed title: Harbour Notes\n" in out
+    assert titles(out) == ["Tide tables"]
+    assert "  body: 36 bytes: The tide tables for\\nthe week are out\n" in out
     assert verdict(out) == "1 item"
 
 
@@ -128,8 +134,9 @@ def test_usage_errors(ns):
 def serve(ns, tmp_path):
     root = tmp_path / "www"
     os.makedirs(root)
-    for name in CORPUS_FILES + [BIG]:
-        shutil.copy(corpus(name), root / name)
+    for name in OWN_FILES:
+        shutil.copy(own(name), root / name)
+    (root / BIG).write_bytes(big_feed())
     (root / "feed.xml").write_bytes(FEED)
     os.chmod(tmp_path, 0o755)
     for d, _, files in os.walk(root):
@@ -142,7 +149,7 @@ def serve(ns, tmp_path):
 
 def test_url_mode_matches_file_mode(ns, tmp_path):
     root = serve(ns, tmp_path)
-    for name in CORPUS_FILES:
+    for name in OWN_FILES:
         rc, out, err = feedcheck(ns, "http://feeds.test/" + name)
         assert rc == 0, (name, out, err)
         assert out.startswith("result: 200\ncontent-type: text/xml\n"), out
