@@ -32,7 +32,8 @@ struct kdx_parse_state {
 //   body:         in/out. *body is the NUL-terminated response body, slab
 //                 memory owned by the caller. It is modified in place (byte-order
 //                 mark removed, declaration inserted) and may be moved by
-//                 kd_realloc; *body always holds the current buffer afterwards,
+//                 kd_realloc, or replaced by its conversion to UTF-8 when it is
+//                 in a legacy charset; *body always holds the current buffer afterwards,
 //                 which the caller releases with kd_free, also when the result
 //                 is null.
 //   title:        out, may be null. Receives the feed title (caller releases it
