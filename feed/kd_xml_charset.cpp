@@ -37,7 +37,7 @@ public:
     to_utf8(const to_utf8 &) = delete;
     to_utf8 &operator=(const to_utf8 &) = delete;
     bool ok() const { return cd_ != reinterpret_cast<iconv_t>(-1); }
-    // One iconv call from a fresh shift state; false with errno set on a stop.
+    // One iconv call; false with errno set when it stopped before the end.
     bool run(char **in, size_t *inleft, char **out, size_t *outleft)
     {
         return iconv(cd_, in, inleft, out, outleft) != static_cast<size_t>(-1);
@@ -100,9 +100,13 @@ size_t skip_space(std::string_view s, size_t i)
 span declared_encoding(std::string_view body)
 {
     span sp;
-    if (!body.starts_with("<?xml"))
+    // "<?xml-stylesheet" and the like are other processing instructions.
+    if (!body.starts_with("<?xml") || skip_space(body, 5) == 5)
         return sp;
-    std::string_view decl = body.substr(0, body.find("?>"));
+    size_t end = body.find("?>");
+    if (end == std::string_view::npos)
+        return sp; // a declaration that never ends names nothing
+    std::string_view decl = body.substr(0, end);
     size_t at = decl.find("encoding");
     if (at == std::string_view::npos)
         return sp;

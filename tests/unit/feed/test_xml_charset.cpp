@@ -177,6 +177,19 @@ TEST_F(Charset, Windows1252WhenNothingNamesACharset)
     expect_same_items(p_, twin_, "fallback");
 }
 
+TEST_F(Charset, UndeclaredFeAndFfBytesAreLeftToTheUtf16Reading)
+{
+    // The ISO-8859-1 feed holds the letters thorn and y-diaeresis (FE, FF).
+    std::string bare = without_declaration(fixture("ISO-8859-1.xml"));
+    parse(bare, 200, "text/xml");
+    EXPECT_FALSE(info_.transcoded);
+    EXPECT_STREQ(info_.name, "");
+    EXPECT_EQ(p_.feed, nullptr);
+    parse(bare, 200, "text/xml; charset=ISO-8859-1"); // named, they are read as letters
+    EXPECT_TRUE(info_.transcoded);
+    EXPECT_EQ(p_.items().size(), 3u);
+}
+
 TEST_F(Charset, DeclarationWinsOverContentType)
 {
     parse_twin(fixture("windows-1251.utf8.xml"));
@@ -296,6 +309,22 @@ TEST_F(Charset, QuotesNulAndSuffixesInCharsetNames)
     doc[doc.find("8859")] = '\0';
     parse(doc, 200, "text/xml; charset=ISO-8859-1");
     EXPECT_EQ(p_.feed, nullptr);
+}
+
+TEST_F(Charset, OnlyTheDeclarationItselfNamesTheEncoding)
+{
+    std::string bare = without_declaration(fixture("ISO-8859-1.xml"));
+    parse_twin(without_declaration(fixture("ISO-8859-1.utf8.xml")));
+    // Another processing instruction that happens to have an encoding.
+    parse("<?xml-stylesheet encoding=\"KOI8-R\" href=\"a.xsl\"?>" + bare, 200, "text/xml; charset=ISO-8859-1");
+    EXPECT_STREQ(info_.name, "ISO-8859-1");
+    expect_same_items(p_, twin_, "stylesheet");
+    // A declaration that never ends: "encoding" further on is text.
+    parse("<?xml version=\"1.0\" " + without_declaration(fixture("windows-1252.xml")) +
+              "<!-- encoding=\"KOI8-R\" -->",
+          200, "text/xml");
+    EXPECT_STREQ(info_.name, "windows-1252");
+    EXPECT_TRUE(info_.transcoded);
 }
 
 // windows-1252 leaves 0x81 undefined.
