@@ -122,6 +122,41 @@ def test_xml_errors_logged_with_verbosity(ns):
     assert rc == 1 and "xml error" not in err
 
 
+def charset_fixture(name):
+    source = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(__file__), "..", ".."))
+    with open(os.path.join(source, "tests", "data", "charsets", name), "rb") as f:
+        return f.read()
+
+
+def item_lines(out):
+    """Every item line but the dates (items without pubDate get the time of parsing)."""
+    return [l for l in out.splitlines() if l.startswith("  ") and not l.startswith("  date:")]
+
+
+def test_legacy_charset_is_read_as_the_same_feed_in_utf8(ns):
+    for name in ["ISO-8859-15", "KOI8-R", "Shift_JIS"]:
+        rc, out, _ = feedcheck(ns, put(ns, name + ".xml", charset_fixture(name + ".xml")))
+        assert rc == 0, out
+        assert out.startswith("result: 200\ncontent-type: (none)\ncharset: %s (transcoded)\nfeed title: " % name), out
+        rc, twin, _ = feedcheck(ns, put(ns, name + ".utf8.xml", charset_fixture(name + ".utf8.xml")))
+        assert "charset:" not in twin  # UTF-8 is read as it came
+        assert item_lines(out) == item_lines(twin)
+        assert verdict(out) == verdict(twin) == "3 items"
+
+
+def test_unknown_charset_is_named_and_refused(ns):
+    path = put(ns, "latin1.xml", b"<rss><channel><item><title>caf\xe9</title></item></channel></rss>")
+    rc, out, err = feedcheck(ns, "-v", path, "text/xml; charset=x-nope")
+    assert rc == 1
+    assert "charset: x-nope (unknown, not decoded)\n" in out
+    assert verdict(out) == "error parsing xml - try to validate the feed"
+    assert 'xml error: unknown charset "x-nope"' in err
+    rc, out, _ = feedcheck(ns, path)  # no charset named: windows-1252
+    assert rc == 0
+    assert "charset: windows-1252 (transcoded)\n" in out
+    assert titles(out) == ["caf\u00c3\u00a9"]  # UTF-8 bytes, as from a UTF-8 feed
+
+
 def test_usage_errors(ns):
     assert feedcheck(ns)[0] == 2
     rc, _, err = feedcheck(ns, "/no/such/file.xml")

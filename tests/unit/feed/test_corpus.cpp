@@ -151,7 +151,10 @@ void Corpus::sweep(const std::string &root, const std::vector<corpus_file> &file
         bool wellformed = f.kind != "malformed" && f.kind != "other";
         fig.files++;
 
-        parsed p = parse_doc(doc, 200, kUrl, "text/xml");
+        parsed p;
+        p.body = slab_body(doc);
+        kdx_charset_info cs;
+        p.feed = kdx_parse_feed_charset(200, kUrl, "text/xml", &p.body, &p.title, &cs);
         long n = check(p, f.name, &fig);
         mxmlSetErrorCallback(ignore_errors);
         int want = count_titled_items(p.body);
@@ -159,8 +162,12 @@ void Corpus::sweep(const std::string &root, const std::vector<corpus_file> &file
         if (complete_ok) {
             fig.parsed++;
             fig.items += n;
-            EXPECT_NE(want, -1) << f.name << ": parsed by SAX but refused by DOM";
-            if (wellformed) {
+            // A body whose conversion outgrew the download bound is read as a
+            // truncated download; the DOM sees the cut body.
+            if (!cs.cut) {
+                EXPECT_NE(want, -1) << f.name << ": parsed by SAX but refused by DOM";
+            }
+            if (wellformed && !cs.cut) {
                 EXPECT_EQ(n, want) << f.name;
             }
         } else {
