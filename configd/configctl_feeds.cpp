@@ -49,12 +49,32 @@ std::vector<const char *> ctl_opts(const ctl_args &a, const char *name)
     return v;
 }
 
-// Characters a terminal shows for UTF-8 text (one per code point).
+// Whether a terminal shows a code point in two columns (CJK, Hangul,
+// full-width forms, emoji).
+static bool wide(unsigned cp)
+{
+    static const unsigned ranges[][2] = {{0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3}, {0xf900, 0xfaff},
+                                         {0xfe30, 0xfe4f}, {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
+                                         {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
+    for (const auto &r : ranges)
+        if (cp >= r[0] && cp <= r[1])
+            return true;
+    return false;
+}
+
+// Columns a terminal uses for UTF-8 text.
 static size_t width(const std::string &s)
 {
     size_t n = 0;
-    for (unsigned char c : s)
-        n += (c & 0xc0) != 0x80;
+    for (size_t i = 0; i < s.size();) {
+        auto c = static_cast<unsigned char>(s[i]);
+        size_t len = c < 0x80 ? 1 : c < 0xe0 ? 2 : c < 0xf0 ? 3 : 4;
+        unsigned cp = len == 1 ? c : c & (0x7f >> len);
+        for (size_t k = 1; k < len && i + k < s.size(); k++)
+            cp = cp << 6 | (static_cast<unsigned char>(s[i + k]) & 0x3f);
+        n += wide(cp) ? 2 : 1;
+        i += len;
+    }
     return n;
 }
 

@@ -133,6 +133,12 @@ struct opml_feed {
     std::string url, name, poll, profile;
 };
 
+// What an OPML file holds: its feeds and its profile categories, in order.
+struct opml_list {
+    std::vector<opml_feed> feeds;
+    std::vector<std::string> profiles;
+};
+
 // Counts outline tags and nesting without building anything, so that a
 // hostile file is refused before the parser holds it. Approximate where it
 // does not matter (text inside an internal DTD subset); Mini-XML does the
@@ -196,18 +202,24 @@ static bool read_file(const char *file, std::string *text, std::string *why)
     return why->empty();
 }
 
-// Titles in the wild carry line breaks and tabs: they become spaces.
-static std::string tidy_title(std::string s)
+// Titles in the wild carry line breaks and tabs: each run of white space
+// becomes one space.
+static std::string tidy_title(const std::string &s)
 {
-    for (char &c : s)
-        if (c == '\n' || c == '\r' || c == '\t')
-            c = ' ';
-    size_t b = s.find_first_not_of(' '), e = s.find_last_not_of(' ');
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
+    std::string out;
+    bool space = false;
+    for (char c : s) {
+        bool ws = c == ' ' || c == '\n' || c == '\r' || c == '\t';
+        if (!ws && space && !out.empty())
+            out += ' ';
+        if (!ws)
+            out += c;
+        space = ws;
+    }
+    return out;
 }
 
-static bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, std::vector<opml_feed> *out,
-                      std::string *why)
+static bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, opml_list *out, std::string *why)
 {
     opml_feed f{attr(o, "xmlUrl"), tidy_title(attr(o, "title")), attr(o, ATTR_POLL), profile};
     if (f.name.empty())
@@ -223,14 +235,14 @@ static bool take_feed(mxml_node_t *o, const std::string &profile, size_t number,
         *why = "outline " + std::to_string(number) + ": " + bad;
         return false;
     }
-    out->push_back(f);
+    out->feeds.push_back(f);
     return true;
 }
 
 // Every feed outline below `parent` in document order; categories are
 // flattened, and a profile category passes its profile on.
-static bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size_t *number,
-                    std::vector<opml_feed> *out, std::string *why)
+static bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size_t *number, opml_list *out,
+                    std::string *why)
 {
     if (depth > OPML_MAX_DEPTH) {
         *why = "outlines nested too deep";
@@ -248,13 +260,15 @@ static bool collect(mxml_node_t *parent, const std::string &profile, size_t dept
             *why = "outline " + std::to_string(*number) + ": " + doc_check_profile_id(inner.c_str());
             return false;
         }
+        if (inner != profile)
+            out->profiles.push_back(inner);
         if (!collect(o, inner, depth + 1, number, out, why))
             return false;
     }
     return true;
 }
 
-static bool read_opml(const char *file, std::vector<opml_feed> *feeds, std::string *why)
+static bool read_opml(const char *file, opml_list *feeds, std::string *why)
 {
     std::string text;
     if (!read_file(file, &text, why))
@@ -278,10 +292,20 @@ static bool read_opml(const char *file, std::vector<opml_feed> *feeds, std::stri
 
 // What one import did so far.
 struct import_tally {
-    std::vector<mxml_node_t *> added;
+    std::vector<mxml_node_t *> added, seen;
     size_t skipped;
     std::string out;
 };
+
+static mxml_node_t *find_or_add_profile(mxml_node_t *doc, const std::string &id, import_tally *t)
+{
+    mxml_node_t *p = doc_profile(doc, id.c_str());
+    if (!p) {
+        p = doc_add_profile(doc, id.c_str());
+        t->out += "added profile " + id + "\n";
+    }
+    return p;
+}
 
 // Adds one feed (or finds it by URL) and subscribes its profile.
 static void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profile, import_tally *t)
@@ -292,19 +316,14 @@ static void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profil
         e = doc_add_entry(doc, id.c_str(), f.url.c_str(), f.name.c_str(), f.poll.empty() ? nullptr : f.poll.c_str());
         t->added.push_back(e);
         t->out += "added feed " + id + ": " + f.name + " <" + f.url + ">\n";
-    } else if (std::find(t->added.begin(), t->added.end(), e) == t->added.end()) {
+    } else if (std::find(t->seen.begin(), t->seen.end(), e) == t->seen.end()) {
         t->skipped++;
         t->out += "skipped " + f.url + " (already in the pool as feed " + attr(e, "id") + ")\n";
     }
+    t->seen.push_back(e);
     std::string pid = profile ? profile : f.profile;
-    if (pid.empty())
-        return;
-    mxml_node_t *p = doc_profile(doc, pid.c_str());
-    if (!p) {
-        p = doc_add_profile(doc, pid.c_str());
-        t->out += "added profile " + pid + "\n";
-    }
-    doc_subscribe(p, attr(e, "id").c_str());
+    if (!pid.empty())
+        doc_subscribe(find_or_add_profile(doc, pid, t), attr(e, "id").c_str());
 }
 
 int ctl_opml_import(int argc, char **argv)
@@ -314,9 +333,9 @@ int ctl_opml_import(int argc, char **argv)
     if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2)
         return ctl_usage(false);
     const char *domain = a.pos[0], *file = a.pos[1], *profile = ctl_opt(a, "profile");
-    std::vector<opml_feed> feeds;
+    opml_list list;
     std::string why;
-    if (!read_opml(file, &feeds, &why))
+    if (!read_opml(file, &list, &why))
         return ctl_fail("%s: %s", file, why.c_str());
     return ctl_update("opml import", domain, [&](mxml_node_t *doc, std::string *out, std::string *err) {
         if (profile && !doc_profile(doc, profile)) {
@@ -324,7 +343,11 @@ int ctl_opml_import(int argc, char **argv)
             return false;
         }
         import_tally t{};
-        for (const opml_feed &f : feeds)
+        // Profile categories come back even when they hold no feed.
+        for (const std::string &p : list.profiles)
+            if (!profile)
+                find_or_add_profile(doc, p, &t);
+        for (const opml_feed &f : list.feeds)
             import_feed(doc, f, profile, &t);
         *out = t.out + std::to_string(t.added.size()) + " feeds added, " + std::to_string(t.skipped) + " skipped\n";
         return true;
