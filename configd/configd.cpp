@@ -41,17 +41,19 @@ static void on_signal(int)
     g_stop = 1;
 }
 
-static client_rec *client_of(rpc_conn *c)
+// The record of a connection; made here should a request come before the
+// established event.
+static client_rec &client_of(rpc_conn *c)
 {
     for (client_rec &r : g_clients)
         if (r.conn == c)
-            return &r;
-    return nullptr;
+            return r;
+    return g_clients.emplace_back(client_rec{c, ""});
 }
 
 static void on_established(rpc_conn *c, rpc_msg *)
 {
-    g_clients.push_back(client_rec{c, ""});
+    client_of(c);
     syslog(LOG_DEBUG, "client connected");
 }
 
@@ -68,15 +70,13 @@ static void on_error(rpc_conn *, rpc_msg *m)
 
 static void on_subscribe(rpc_conn *c, rpc_msg *m)
 {
-    client_rec *s = client_of(c);
-    if (!s)
-        return;
+    client_rec &s = client_of(c);
     for (uint32_t i = 0; i < m->nlist; i++) {
         if (!cfg_valid_domain(m->list[i])) {
             rpc_send_error(c, m->id, m->tag, "invalid domain name");
             continue;
         }
-        s->domains += std::string("|") + m->list[i] + "|";
+        s.domains += std::string("|") + m->list[i] + "|";
         syslog(LOG_INFO, "client subscribed to domain '%s'", m->list[i]);
     }
 }
