@@ -1,4 +1,5 @@
-// cfgproto: the message table served by the reference configd.
+// cfgproto: the message table served by the reference configd; constant
+// data, owning no descriptor or record.
 #include "configd/cfgproto.h"
 
 const rpc_msgdesc g_cfg_messages[] = {

@@ -33,26 +33,28 @@ static int cmd_get(const char *domain)
     return 0;
 }
 
-static bool read_input(const char *file, std::string *text, std::string *why)
+bool ctl_read_input(const char *file, size_t limit, std::string *text, std::string *why)
 {
-    FILE *f = strcmp(file, "-") ? fopen(file, "rb") : stdin;
+    bool is_stdin = !strcmp(file, "-");
+    std::string name = is_stdin ? "standard input" : file;
+    FILE *f = is_stdin ? stdin : fopen(file, "rb");
     if (!f) {
-        *why = std::string("cannot open ") + file + ": " + strerror(errno);
+        *why = "cannot open " + name + ": " + strerror(errno);
         return false;
     }
     char buf[65536];
     size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0 && text->size() <= RPC_MAX_FRAME)
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0 && text->size() <= limit)
         text->append(buf, n);
     bool ok = !ferror(f);
-    if (f != stdin)
+    if (!is_stdin)
         fclose(f);
     if (!ok)
-        *why = std::string("cannot read ") + file;
-    else if (text->size() > RPC_MAX_FRAME - 1024)
-        *why = "document too large (limit 16 MiB)";
+        *why = "cannot read " + name;
+    else if (text->size() > limit)
+        *why = name + ": too large (limit " + std::to_string(limit >> 20) + " MiB)";
     else if (memchr(text->data(), 0, text->size()))
-        *why = "document contains a NUL byte";
+        *why = name + ": contains a NUL byte";
     return why->empty();
 }
 
@@ -61,7 +63,7 @@ static int cmd_set(const char *domain, const char *file)
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
     std::string text, why;
-    if (!read_input(file, &text, &why))
+    if (!ctl_read_input(file, RPC_MAX_FRAME - 1024, &text, &why))
         return ctl_fail("%s", why.c_str());
     kd_mxml_tree doc(cfg_parse(text.c_str(), &why));
     if (doc)
@@ -110,7 +112,7 @@ int ctl_usage(bool help)
           "  get DOMAIN                        print the domain's document\n"
           "  set DOMAIN FILE|-                 validate and store a document\n"
           "  feeds DOMAIN                      list the feeds and their subscribers\n"
-          "  feed add DOMAIN URL [--name NAME] [--poll SECONDS] [--profile P]...\n"
+          "  feed add DOMAIN URL [--name NAME] [--poll SECONDS] [--profile P [P...]]\n"
           "                                    add a feed, subscribed by the profiles\n"
           "  feed rm DOMAIN ID                 remove a feed and its subscriptions\n"
           "  feed set DOMAIN ID [--name NAME] [--url URL] [--poll SECONDS]\n"

@@ -2,6 +2,7 @@
 // command line of one command and the command handlers. Each handler returns
 // the exit status: 0 done, 1 refused or failed (one line on stderr), 2 usage.
 #pragma once
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +21,10 @@ bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *o
 const char *ctl_opt(const ctl_args &a, const char *name);
 // Every value given for an option, in order.
 std::vector<const char *> ctl_opts(const ctl_args &a, const char *name);
+
+// Reads a whole file ("-": standard input) of at most `limit` bytes
+// without NUL bytes; false with the reason, naming the file, in *why.
+bool ctl_read_input(const char *file, size_t limit, std::string *text, std::string *why);
 
 // Handlers; argv starts after the command words ("feed add" ...).
 int ctl_feeds(int argc, char **argv);

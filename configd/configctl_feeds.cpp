@@ -152,10 +152,14 @@ int ctl_feed_add(int argc, char **argv)
 {
     static const char *const known[] = {"name", "poll", "profile", nullptr};
     ctl_args a;
-    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2)
+    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() < 2)
         return ctl_usage(false);
     const char *url = a.pos[1], *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
     std::vector<const char *> profiles = ctl_opts(a, "profile");
+    // "--profile 1 2 3" names three profiles.
+    if (a.pos.size() > 2 && profiles.empty())
+        return ctl_usage(false);
+    profiles.insert(profiles.end(), a.pos.begin() + 2, a.pos.end());
     std::string why = check_feed_opts(url, name, poll);
     if (!why.empty())
         return ctl_fail("feed add %s: %s", a.pos[0], why.c_str());

@@ -5,7 +5,6 @@
 // before Mini-XML sees it (outline count, nesting, entity declarations);
 // its tree is held by a kd_mxml_tree, the domain's by ctl_update.
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -15,11 +14,11 @@
 #include "configd/ctlrpc.h"
 #include "configd/docedit.h"
 #include "configd/store.h"
-#include "platform/rpc.h"
 
 // Bounds of an OPML file we import.
 static constexpr size_t OPML_MAX_OUTLINES = 10000;
 static constexpr size_t OPML_MAX_DEPTH = 64;
+static constexpr size_t OPML_MAX_BYTES = 8 << 20;
 
 // What the profile categories and feeds carry beyond OPML's own attributes,
 // so that an export imports back as it was.
@@ -179,29 +178,6 @@ static std::string size_up(std::string_view t)
     return "";
 }
 
-static bool read_file(const char *file, std::string *text, std::string *why)
-{
-    FILE *f = strcmp(file, "-") ? fopen(file, "rb") : stdin;
-    if (!f) {
-        *why = std::string("cannot open: ") + strerror(errno);
-        return false;
-    }
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0 && text->size() <= RPC_MAX_FRAME)
-        text->append(buf, n);
-    bool ok = !ferror(f);
-    if (f != stdin)
-        fclose(f);
-    if (!ok)
-        *why = "cannot read it";
-    else if (text->size() > RPC_MAX_FRAME / 2)
-        *why = "file too large (limit 8 MiB)";
-    else if (memchr(text->data(), 0, text->size()))
-        *why = "file contains a NUL byte";
-    return why->empty();
-}
-
 // Titles in the wild carry line breaks and tabs: each run of white space
 // becomes one space.
 static std::string tidy_title(const std::string &s)
@@ -268,11 +244,8 @@ static bool collect(mxml_node_t *parent, const std::string &profile, size_t dept
     return true;
 }
 
-static bool read_opml(const char *file, opml_list *feeds, std::string *why)
+static bool read_opml(const std::string &text, opml_list *feeds, std::string *why)
 {
-    std::string text;
-    if (!read_file(file, &text, why))
-        return false;
     *why = size_up(text);
     if (!why->empty())
         return false;
@@ -334,8 +307,10 @@ int ctl_opml_import(int argc, char **argv)
         return ctl_usage(false);
     const char *domain = a.pos[0], *file = a.pos[1], *profile = ctl_opt(a, "profile");
     opml_list list;
-    std::string why;
-    if (!read_opml(file, &list, &why))
+    std::string text, why;
+    if (!ctl_read_input(file, OPML_MAX_BYTES, &text, &why))
+        return ctl_fail("%s", why.c_str());
+    if (!read_opml(text, &list, &why))
         return ctl_fail("%s: %s", file, why.c_str());
     return ctl_update("opml import", domain, [&](mxml_node_t *doc, std::string *out, std::string *err) {
         if (profile && !doc_profile(doc, profile)) {

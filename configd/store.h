@@ -1,5 +1,6 @@
 // store: configd's domain documents on disk (one file per domain in the
-// state directory) and the checks that every stored document passes.
+// state directory) and the checks that every stored document passes. Trees
+// returned are the caller's (for a kd_mxml_tree); no descriptor outlives a call.
 #pragma once
 #include <cstddef>
 #include <mxml.h>

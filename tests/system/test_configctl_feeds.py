@@ -85,6 +85,12 @@ def test_feed_add_takes_the_next_id_and_keeps_everything_else(ns):
     assert ns.configctl("get", "rss").stdout == want
 
 
+def test_feed_add_takes_several_profiles_after_one_option(ns):
+    with_rich(ns)
+    ok(ns.configctl("feed", "add", "rss", "http://feeds.test/n.xml", "--profile", "1", "2"))
+    assert ok(ns.configctl("feeds", "rss")).splitlines()[-1].split()[-1] == "1,2"
+
+
 def test_feed_add_without_name_uses_the_url_and_the_default_poll(ns):
     ns.start_configd()
     assert ok(ns.configctl("feed", "add", "rss", "https://feeds.test/x.xml")) == "added feed 1\n"
@@ -191,7 +197,8 @@ def test_bad_input_is_refused_and_nothing_is_stored(ns, args, why):
 
 @pytest.mark.parametrize("args", [["feed", "add", "rss"], ["feed", "set", "rss", "1"], ["feed", "add", "rss", "u",
                                   "--bogus", "1"], ["subscribe", "rss", "1"], ["profile", "add", "rss"],
-                                  ["feed", "add", "rss", "http://feeds.test/a.xml", "--name"]])
+                                  ["feed", "add", "rss", "http://feeds.test/a.xml", "--name"],
+                                  ["feed", "add", "rss", "http://feeds.test/a.xml", "1"]])
 def test_usage_errors_exit_2(ns, args):
     with_rich(ns)
     cp = ns.configctl(*args)

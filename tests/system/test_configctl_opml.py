@@ -249,6 +249,15 @@ def test_other_broken_input_is_refused(ns, text, why):
     assert stored(ns) == RICH
 
 
+def test_file_over_8_mib_is_refused(ns):
+    with_rich(ns)
+    with open(ns.path("/var/tmp/big.opml"), "w") as f:
+        f.write('<opml version="2.0"><body>' + " " * (9 << 20) + "</body></opml>")
+    line = one_line_error(ns.configctl("opml", "import", "rss", "/var/tmp/big.opml"))
+    assert line == "configctl: /var/tmp/big.opml: too large (limit 8 MiB)"
+    assert stored(ns) == RICH
+
+
 def test_import_for_an_unknown_profile_or_missing_file_is_refused(ns):
     with_rich(ns)
     line = one_line_error(import_into(ns, "rss", "flat.opml", "--profile", "9"))
