@@ -138,37 +138,50 @@ struct opml_list {
     std::vector<std::string> profiles;
 };
 
+// Where a comment, CDATA section, processing instruction or declaration
+// starting at i ends; 0 when none starts there.
+static size_t markup_end(std::string_view t, size_t i)
+{
+    static const std::pair<std::string_view, std::string_view> kinds[] = {
+        {"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}, {"<!", ">"}};
+    for (const auto &[open, close] : kinds) {
+        if (!t.substr(i).starts_with(open))
+            continue;
+        size_t end = t.find(close, i + open.size());
+        return end == std::string_view::npos ? t.size() : end + close.size();
+    }
+    return 0;
+}
+
+// The '>' that ends the tag starting at i (quoted '>' skipped), or the end.
+static size_t tag_end(std::string_view t, size_t i)
+{
+    char quote = 0;
+    for (i++; i < t.size() && (quote || t[i] != '>'); i++)
+        quote = quote ? (t[i] == quote ? 0 : quote) : (t[i] == '"' || t[i] == '\'') ? t[i] : 0;
+    return i;
+}
+
 // Counts outline tags and nesting without building anything, so that a
-// hostile file is refused before the parser holds it. Approximate where it
-// does not matter (text inside an internal DTD subset); Mini-XML does the
-// real checking afterwards.
+// hostile file is refused before the parser holds it. Mini-XML does the
+// real checking afterwards; it expands no declared entity, but a file
+// declaring any is refused outright.
 static std::string size_up(std::string_view t)
 {
+    if (t.find("<!ENTITY") != std::string_view::npos)
+        return "entity declarations are not accepted";
     size_t outlines = 0, depth = 0;
-    static const std::pair<std::string_view, std::string_view> skips[] = {
-        {"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}, {"<!", ">"}};
     for (size_t i = t.find('<'); i != std::string_view::npos; i = t.find('<', i)) {
-        std::string_view rest = t.substr(i);
-        if (rest.starts_with("<!ENTITY") || (rest.starts_with("<!DOCTYPE") && rest.find("<!ENTITY") != rest.npos))
-            return "entity declarations are not accepted";
-        size_t skipped = 0;
-        for (const auto &[open, close] : skips)
-            if (!skipped && rest.starts_with(open))
-                skipped = rest.find(close, open.size()) == rest.npos ? t.size() : i + rest.find(close, open.size()) + close.size();
-        if (skipped) {
-            i = skipped;
+        if (size_t skip = markup_end(t, i)) {
+            i = skip;
             continue;
         }
-        size_t end = i + 1;
-        for (char quote = 0; end < t.size() && (quote || t[end] != '>'); end++)
-            quote = quote ? (t[end] == quote ? 0 : quote) : (t[end] == '"' || t[end] == '\'') ? t[end] : 0;
-        bool closing = rest.size() > 1 && rest[1] == '/';
+        size_t end = tag_end(t, i);
+        bool closing = i + 1 < t.size() && t[i + 1] == '/';
         bool empty = end < t.size() && t[end - 1] == '/';
-        if (closing && depth)
-            depth--;
-        else if (!closing && !empty)
-            depth++;
-        outlines += !closing && rest.starts_with("<outline") && rest.size() > 8 && strchr(" \t\r\n/>", rest[8]);
+        depth = closing ? (depth ? depth - 1 : 0) : depth + !empty;
+        std::string_view name = t.substr(i + 1, 8);
+        outlines += !closing && name.starts_with("outline") && (name.size() == 7 || strchr(" \t\r\n/>", name[7]));
         if (outlines > OPML_MAX_OUTLINES)
             return "more than " + std::to_string(OPML_MAX_OUTLINES) + " outlines";
         if (depth > OPML_MAX_DEPTH)
