@@ -239,7 +239,7 @@ int http_tls_open(const httpcli_ctx *ctx, int fd, const http_uri *uri, http_tls 
     KD_ASSERT(out!=((void *)0));
 #ifdef KELP_TLS_NEEDS_PSA
     if (psa_crypto_init() != PSA_SUCCESS)
-        return HTTPCLI_NO_MEMORY;
+        return HTTPCLI_NO_CONNECTION;
 #endif
     void *mem = kd_malloc(sizeof(http_tls));
     if (!mem)

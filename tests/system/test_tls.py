@@ -260,6 +260,21 @@ def test_refused_port_reports_no_handshake(ns, tls):
     assert handshakes(err) == []
 
 
+def test_unusable_ca_bundle_refuses_every_server(ns, certs, tmp_path):
+    bad = tmp_path / "bad-bundle.crt"
+    bad.write_bytes(b"-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n")
+    os.chmod(tmp_path, 0o755)
+    os.chmod(bad, 0o644)
+    ns.run(["mount", "--bind", str(bad), CA_BUNDLE], check=True)
+    secure = ns.serve_https(answer(OK + b"\r\nok"), server_context(certs))
+    url = "https://feeds.test:%d/" % secure.port
+    rc, out, _ = feedcheck(ns, "-v", url)
+    assert rc == 1 and verdict(out) == "no connection to server [%s]" % url
+    rec = ns.syslog.wait_for(re.compile(r"^TLS with "), ident="kelp-feedcheck")
+    assert rec.text.startswith("TLS with feeds.test:%d failed: CA certificates in %s: " % (secure.port, CA_BUNDLE))
+    assert secure.requests == []
+
+
 def test_without_the_test_ca_nothing_is_trusted(ns, certs):
     secure = ns.serve_https(answer(OK + b"\r\nok"), server_context(certs))
     rc, _, err = httpget(ns, "https://feeds.test:%d/" % secure.port, "--show-tls")
