@@ -33,15 +33,16 @@ char *site_target(const http_uri *uri, const char *loc)
     return text;
 }
 
-// A site-relative location becomes "host[:port]/path" of the current URL;
-// it stays as it was when the URL cannot be parsed.
+// A site-relative location becomes "host[:port]/path" of the current URL
+// ("https://host[:port]/path" for https); it stays as it was when the URL
+// cannot be parsed.
 void absolutize(httpcli_ctx *ctx, const char *url, http_result *res)
 {
     auto *uri = static_cast<http_uri *>(kd_calloc(1, sizeof(http_uri)));
     if (!uri)
         return;
     http_parse_uri(ctx, url, uri);
-    char *text = uri->host && uri->scheme ? site_target(uri, res->location) : nullptr;
+    char *text = uri->host ? site_target(uri, res->location) : nullptr;
     if (text) {
         kd_free(res->location);
         res->location = text;

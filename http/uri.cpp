@@ -68,7 +68,8 @@ void http_parse_uri(httpcli_ctx *ctx, const char *text, http_uri *uri)
     std::string_view hostpart = rest.substr(0, slash);
     uri->path = slash == std::string_view::npos ? kd_strdup("/") : copy(rest.substr(slash));
     size_t colon = hostpart.find(':');
-    uri->port = colon == std::string_view::npos ? http_default_port(uri->scheme) : parse_port(hostpart.substr(colon + 1));
+    uri->port = colon == std::string_view::npos ? http_default_port(uri->scheme)
+                                                : parse_port(hostpart.substr(colon + 1));
     uri->host = copy(hostpart.substr(0, colon));
 }
 
