@@ -13,6 +13,7 @@
 #include "util/kd_log.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -61,15 +62,15 @@ namespace {
 // by an earlier run (bind would fail on it); false with the reason logged.
 bool bind_control_socket(int fd)
 {
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, KD_CTL_SOCKET, sizeof(addr.sun_path));
+    sockaddr_un addr;
+    csock_sockaddr_set_unix(&addr, KD_CTL_SOCKET);
     if (unlink(addr.sun_path) != 0 && errno != ENOENT) {
         int err = errno;
         KD_LOG(1, LOG_CRIT, "error unlink()ing local socket (%s): %s", addr.sun_path, strerror(err));
         return false;
     }
-    socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + 2);
+    // The family's two bytes and the path without its terminating NUL.
+    socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(addr.sun_path));
     if (bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
         int err = errno;
         KD_LOG(1, LOG_CRIT, "error bind()ing local socket (%s): %s", addr.sun_path, strerror(err));

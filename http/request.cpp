@@ -16,6 +16,7 @@
 
 #include "http/tls.h"
 #include "platform/slab.h"
+#include "util/kd_fd.h"
 #include "util/kd_log.h"
 
 namespace {
@@ -27,7 +28,7 @@ struct exchange {
     httpcli_ctx *ctx;
     http_uri *uri = nullptr;
     httpcli_buffer *req = nullptr;
-    int fd = -1;
+    kd_unique_fd fd;         // closed after the body below has ended the TLS session
     http_tls *tls = nullptr; // https only; ends before its socket is closed
 
     explicit exchange(httpcli_ctx *c) : ctx(c) {}
@@ -39,8 +40,6 @@ struct exchange {
             kd_free(req->start);
         kd_free(req);
         http_tls_close(tls);
-        if (fd >= 0)
-            close(fd);
         if (uri)
             http_free_uri(ctx, uri);
         kd_free(uri);
@@ -59,17 +58,15 @@ int open_connection(const httpcli_ctx *ctx, const http_uri *uri)
     sa.sin_family = AF_INET;
     sa.sin_port = htons(static_cast<uint16_t>(via_proxy ? ctx->proxy_port : uri->port));
     memcpy(&sa.sin_addr, h->h_addr_list[0], 4);
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0)
+    kd_unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    if (!fd)
         return -1;
-    int flags = fcntl(fd, F_GETFL);
+    int flags = fcntl(fd.get(), F_GETFL);
     if (flags != -1)
-        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 && errno != EINPROGRESS) {
-        close(fd);
+        fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 && errno != EINPROGRESS)
         return -1;
-    }
-    return fd;
+    return fd.release();
 }
 
 // Sends the whole request; any pass that cannot send ends the exchange.
@@ -131,7 +128,7 @@ int take_response(httpcli_ctx *ctx, const exchange &x, httpcli_buffer *resp, htt
     httpcli_buffer *own = nullptr; // parsed, then freed so that nothing leaks
     if (!resp && !(resp = own = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)))))
         return HTTPCLI_NO_CONNECTION;
-    int rc = x.tls ? receive_tls(ctx, x.tls, resp) : receive(ctx, x.fd, resp);
+    int rc = x.tls ? receive_tls(ctx, x.tls, resp) : receive(ctx, x.fd.get(), resp);
     int code = HTTPCLI_NO_CONNECTION;
     if (rc == HTTPCLI_NO_MEMORY) {
         code = rc;
@@ -151,7 +148,7 @@ int take_response(httpcli_ctx *ctx, const exchange &x, httpcli_buffer *resp, htt
 // Handshake, the same request text, and reception through the session.
 int tls_exchange(httpcli_ctx *ctx, exchange *x, httpcli_buffer *resp, http_result *res)
 {
-    int rc = http_tls_open(ctx, x->fd, x->uri, &x->tls);
+    int rc = http_tls_open(ctx, x->fd.get(), x->uri, &x->tls);
     if (rc)
         return rc;
     if (!http_tls_send(ctx, x->tls, x->req->start, x->req->len))
@@ -192,8 +189,8 @@ int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_r
     http_parse_uri(ctx, url, x.uri);
     if (!x.uri->scheme || !x.uri->host || !x.uri->path) // a part could not be copied
         return HTTPCLI_NO_MEMORY;
-    x.fd = open_connection(ctx, x.uri);
-    if (x.fd < 0)
+    x.fd = kd_unique_fd(open_connection(ctx, x.uri));
+    if (!x.fd)
         return HTTPCLI_NO_CONNECTION;
     x.req = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)));
     if (!x.req)
@@ -203,7 +200,7 @@ int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_r
         return HTTPCLI_NO_MEMORY;
     if (http_tls_wanted(ctx, x.uri))
         return tls_exchange(ctx, &x, resp, res);
-    if (!send_request(ctx, x.fd, x.req))
+    if (!send_request(ctx, x.fd.get(), x.req))
         return HTTPCLI_NO_CONNECTION;
     return take_response(ctx, x, resp, res);
 }

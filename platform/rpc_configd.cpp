@@ -3,16 +3,16 @@
 #include "platform/rpc_configd.h"
 
 const rpc_msgdesc g_ConfigD_ParamsList[] = {
-    {0x10000000, nullptr, "A{s}"},
-    {0x10000001, "A{s}", nullptr},
-    {0x10000002, "s", "x"},
-    {0x10000003, "sx", nullptr},
-    {0x20000000, "s", "v"},
-    {0x10000004, "s", "x"},
-    {0x10000005, "sx", nullptr},
-    {0x20000001, "s", "v"},
-    {0x10000006, "s", "x"},
-    {0x20000002, "s", "v"},
+    {RPC_CONFIGD_LIST_DOMAINS, nullptr, "A{s}"},
+    {RPC_CONFIGD_SUBSCRIBE, "A{s}", nullptr},
+    {RPC_CONFIGD_GET_CONFIG, "s", "x"},
+    {RPC_CONFIGD_SAVE_CONFIG, "sx", nullptr},
+    {RPC_CONFIGD_CHANGE_IND, "s", "v"},
+    {RPC_CONFIGD_RESERVED_GET_1, "s", "x"},
+    {RPC_CONFIGD_RESERVED_SAVE_1, "sx", nullptr},
+    {RPC_CONFIGD_RESERVED_IND_1, "s", "v"},
+    {RPC_CONFIGD_RESERVED_GET_2, "s", "x"},
+    {RPC_CONFIGD_RESERVED_IND_2, "s", "v"},
     {0, nullptr, nullptr},
 };
 

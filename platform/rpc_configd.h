@@ -9,6 +9,12 @@ inline constexpr uint32_t RPC_CONFIGD_SUBSCRIBE = 0x10000001;
 inline constexpr uint32_t RPC_CONFIGD_GET_CONFIG = 0x10000002;
 inline constexpr uint32_t RPC_CONFIGD_SAVE_CONFIG = 0x10000003;
 inline constexpr uint32_t RPC_CONFIGD_CHANGE_IND = 0x20000000;
+// Reserved by the interface: described so that frames carrying them decode.
+inline constexpr uint32_t RPC_CONFIGD_RESERVED_GET_1 = 0x10000004;
+inline constexpr uint32_t RPC_CONFIGD_RESERVED_SAVE_1 = 0x10000005;
+inline constexpr uint32_t RPC_CONFIGD_RESERVED_IND_1 = 0x20000001;
+inline constexpr uint32_t RPC_CONFIGD_RESERVED_GET_2 = 0x10000006;
+inline constexpr uint32_t RPC_CONFIGD_RESERVED_IND_2 = 0x20000002;
 
 extern const rpc_msgdesc g_ConfigD_ParamsList[];
 extern rpc_ifaceinfo g_ConfigD_IfaceInfo;

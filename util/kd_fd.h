@@ -12,6 +12,16 @@ struct kd_unique_fd {
     kd_unique_fd(const kd_unique_fd &) = delete;
     kd_unique_fd &operator=(const kd_unique_fd &) = delete;
     kd_unique_fd(kd_unique_fd &&other) noexcept : fd(other.release()) {}
+    // Takes the other's descriptor; the one held before is closed.
+    kd_unique_fd &operator=(kd_unique_fd &&other) noexcept
+    {
+        if (this != &other) {
+            if (fd >= 0)
+                close(fd);
+            fd = other.release();
+        }
+        return *this;
+    }
     ~kd_unique_fd()
     {
         if (fd >= 0)

@@ -2,6 +2,7 @@
 // socket, whole-message receive with a deadline, and display helpers.
 #include "kelpctl.h"
 
+#include "platform/csock.h"
 #include "platform/kd_paths.h"
 
 #include <poll.h>
@@ -58,12 +59,6 @@ bool peer_gone(int fd)
 
 } // namespace
 
-connection::~connection()
-{
-    if (fd >= 0)
-        close(fd);
-}
-
 int fail(int status, const std::string &text)
 {
     fprintf(stderr, "kelpctl: %s\n", text.c_str());
@@ -73,13 +68,12 @@ int fail(int status, const std::string &text)
 int open_connection(connection *c)
 {
     std::string why = std::string("kelpd is not running (cannot connect to ") + KD_CTL_SOCKET + ": ";
-    c->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (c->fd < 0)
+    c->sock = kd_unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!c->sock)
         return fail(kExitNoDaemon, why + strerror(errno) + ")");
-    sockaddr_un sa = {};
-    sa.sun_family = AF_UNIX;
-    snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", KD_CTL_SOCKET);
-    if (connect(c->fd, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0)
+    sockaddr_un sa;
+    csock_sockaddr_set_unix(&sa, KD_CTL_SOCKET);
+    if (connect(c->fd(), reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0)
         return fail(kExitNoDaemon, why + strerror(errno) + ")");
     return 0;
 }
@@ -87,7 +81,7 @@ int open_connection(connection *c)
 int send_text(const connection &c, const std::string &text)
 {
     // One request is one packet; a peer gone is an error, not a SIGPIPE.
-    ssize_t n = send(c.fd, text.data(), text.size(), MSG_NOSIGNAL);
+    ssize_t n = send(c.fd(), text.data(), text.size(), MSG_NOSIGNAL);
     if (n == static_cast<ssize_t>(text.size()))
         return 0;
     return fail(kExitNoDaemon, std::string("cannot send to kelpd: ") + strerror(errno));
@@ -95,20 +89,20 @@ int send_text(const connection &c, const std::string &text)
 
 int receive_within(const connection &c, int timeout_ms, std::string *text)
 {
-    int ready = wait_readable(c.fd, timeout_ms);
+    int ready = wait_readable(c.fd(), timeout_ms);
     if (ready < 0)
         return g_interrupted ? kExitOk : fail(kExitNoDaemon, std::string("poll failed: ") + strerror(errno));
     if (ready == 0)
         return kTimedOut;
     // Messages have no size limit: ask the packet's length before taking it.
     char probe;
-    ssize_t len = recv(c.fd, &probe, 1, MSG_PEEK | MSG_TRUNC);
+    ssize_t len = recv(c.fd(), &probe, 1, MSG_PEEK | MSG_TRUNC);
     if (len < 0)
         return fail(kExitNoDaemon, std::string("cannot receive from kelpd: ") + strerror(errno));
-    if (len == 0 && peer_gone(c.fd))
+    if (len == 0 && peer_gone(c.fd()))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     std::string block(static_cast<size_t>(len), '\0');
-    ssize_t got = recv(c.fd, block.data(), block.size(), 0);
+    ssize_t got = recv(c.fd(), block.data(), block.size(), 0);
     if (got < 0 || (got == 0 && len > 0))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     block.resize(static_cast<size_t>(got));

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "util/kd_fd.h"
+
 namespace kelpctl {
 
 // Exit statuses, documented in the usage text.
@@ -30,11 +32,8 @@ struct options {
 
 // One connection to the daemon; the descriptor closes with the object.
 struct connection {
-    int fd = -1;
-    connection() = default;
-    connection(const connection &) = delete;
-    connection &operator=(const connection &) = delete;
-    ~connection();
+    kd_unique_fd sock;
+    int fd() const { return sock.get(); }
 };
 
 // Prints "kelpctl: <text>" on stderr and returns status.
