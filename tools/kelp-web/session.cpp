@@ -142,6 +142,8 @@ void session_keepalive(session_table *t, session *s)
 
 bool session_receive(session_table *t, session *s)
 {
+    if (!s->ctl)
+        return false;
     char probe;
     ssize_t len = recv(s->ctl.get(), &probe, 1, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
     if (len < 0 && (errno == EAGAIN || errno == EINTR))
@@ -154,7 +156,7 @@ bool session_receive(session_table *t, session *s)
         wake(t, s);
         return false;
     }
-    if (static_cast<size_t>(len) > kMaxPacket) {
+    if (static_cast<size_t>(len) > t->max_packet) {
         // Taking it with a small buffer discards the rest of the packet.
         recv(s->ctl.get(), &probe, 1, MSG_DONTWAIT);
         syslog(LOG_ERR, "session %.8s: a message of %zd bytes from kelpd was dropped", s->token.c_str(), len);

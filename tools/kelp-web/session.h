@@ -42,6 +42,7 @@ struct session_table {
     // Called with the stream when it has something to do again; a stream
     // that is not waiting ignores it.
     void (*wake)(void *stream) = nullptr;
+    size_t max_packet = kMaxPacket;
 };
 
 enum class open_result { ok, too_many, no_daemon, send_failed };

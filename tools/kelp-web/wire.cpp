@@ -11,6 +11,7 @@ namespace {
 struct field {
     std::string_view key;
     std::string_view value;
+    bool keyed; // the field had a colon
 };
 
 // Splits a daemon message at its tabs; each field at its first colon.
@@ -22,9 +23,9 @@ std::vector<field> split_fields(std::string_view text)
         std::string_view f = text.substr(0, tab);
         size_t colon = f.find(':');
         if (colon == std::string_view::npos)
-            out.push_back({f, {}});
+            out.push_back({f, {}, false});
         else
-            out.push_back({f.substr(0, colon), f.substr(colon + 1)});
+            out.push_back({f.substr(0, colon), f.substr(colon + 1), true});
         if (tab == std::string_view::npos)
             return out;
         text.remove_prefix(tab + 1);
@@ -133,7 +134,7 @@ bool answer_to_json(const std::vector<field> &fs, std::string *out)
         i = 3;
     }
     size_t head_end = i;
-    for (; i < fs.size() && (fs[i].key == "domain" || fs[i].key == "profile_id"); i++) {
+    for (; i < fs.size() && fs[i].keyed && (fs[i].key == "domain" || fs[i].key == "profile_id"); i++) {
         if (fs[i].key == "domain")
             append_text(out, "domain", fs[i].value);
         else if (!append_number_field(out, fs[i]))
