@@ -6,6 +6,7 @@
 
 #include <syslog.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -68,6 +69,8 @@ MHD_Result serve_asset(MHD_Connection *c, std::string_view url)
 {
     if (url == "/")
         url = "/index.html";
+    else if (url == "/favicon.ico")
+        url = "/favicon.svg"; // browsers ask for it whatever the page names
     for (size_t i = 0; i < kAssetCount; i++) {
         if (url != kAssets[i].path)
             continue;
@@ -242,6 +245,13 @@ MHD_Result on_request(void *cls, MHD_Connection *c, const char *url, const char 
     return serve_asset(c, url);
 }
 
+// libmicrohttpd's own messages (a stream ended while kelp-web closed it,
+// a client that broke off) are routine here: debug level.
+void on_mhd_log(void *, const char *fmt, va_list ap)
+{
+    vsyslog(LOG_DEBUG, fmt, ap);
+}
+
 void on_completed(void *, MHD_Connection *, void **req_cls, MHD_RequestTerminationCode)
 {
     delete static_cast<post_body *>(*req_cls);
@@ -267,8 +277,11 @@ bool server_start(web_server *srv, const sockaddr_in &addr)
     srv->sessions.wake = wake_stream;
     unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG;
     MHD_Daemon *d = MHD_start_daemon(flags, ntohs(addr.sin_port), nullptr, nullptr, on_request, srv,
-                                     MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_NOTIFY_COMPLETED, on_completed,
-                                     srv, MHD_OPTION_CONNECTION_LIMIT, 64u, MHD_OPTION_CONNECTION_TIMEOUT, 60u,
+                                     MHD_OPTION_SOCK_ADDR, &addr,
+                                     MHD_OPTION_NOTIFY_COMPLETED, on_completed, srv,
+                                     MHD_OPTION_EXTERNAL_LOGGER, on_mhd_log, nullptr,
+                                     MHD_OPTION_CONNECTION_LIMIT, 64u,
+                                     MHD_OPTION_CONNECTION_TIMEOUT, 60u,
                                      MHD_OPTION_END);
     if (!d) {
         fprintf(stderr, "kelp-web: cannot listen on the address given\n");

@@ -230,7 +230,10 @@
     const box = $('enclosure');
     box.textContent = '';
     const url = safeUrl(msg.url);
-    if (!url) return;
+    if (!url) {
+      if (msg.url) box.appendChild(el('p', 'unsafe', 'This item has an enclosure whose address is not http(s); it is not shown.'));
+      return;
+    }
     const audio = el('audio');
     audio.controls = true;
     audio.preload = 'none';
