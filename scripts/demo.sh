@@ -2,8 +2,9 @@
 # The main job, shown on one machine without touching it: kelpd runs in a
 # private mount and network namespace (its fixed paths /var/run, /var/tmp,
 # /var/rpc and /dev/log are private there) with configd holding examples/,
-# a local nginx serving the example feeds as http://feeds.test/, and kelpctl
-# as the client; then its syslog lines and exit status are printed.
+# a local nginx serving the example feeds as http://feeds.test/, kelpctl as
+# the client and kelp-web serving the browser page (its URL is printed);
+# then the syslog lines and kelpd's exit status are printed.
 #
 # Usage: scripts/demo.sh <builddir>     (as root; `make demo` calls it)
 set -euo pipefail
@@ -21,6 +22,7 @@ cleanup() {
     [ -n "${NGINX:-}" ] && kill "$NGINX" 2>/dev/null || true
     [ -n "${HOLDER:-}" ] && kill "$HOLDER" 2>/dev/null || true
     [ -n "${LOGGER:-}" ] && kill "$LOGGER" 2>/dev/null || true
+    [ -n "${WEB:-}" ] && kill "$WEB" 2>/dev/null || true
     wait 2>/dev/null || true
     rm -rf "$WORK"
 }
@@ -170,6 +172,21 @@ run_client() {
     wait "$follow" || true
 }
 
+# kelp-web: in the namespace's mount namespace (it finds kelpd's control
+# socket there) but on the host's loopback, so a browser on this machine can
+# open it while the demo runs.
+start_web() {
+    [ -x "$BIN/kelp-web" ] || { say "kelp-web not built"; return; }
+    nsenter --target "$HOLDER" --mount -- "$BIN/kelp-web" --listen 127.0.0.1:${KELP_WEB_PORT:-8080} \
+        > "$WORK/web.txt" &
+    WEB=$!
+    while ! grep -q listening "$WORK/web.txt" 2>/dev/null; do
+        kill -0 "$WEB" 2>/dev/null || { say "kelp-web did not start (port ${KELP_WEB_PORT:-8080} taken?)"; WEB=; return; }
+        sleep 0.05
+    done
+    say "$(cat "$WORK/web.txt") (open it in a browser while the demo runs)"
+}
+
 # Waits for the daemon to end (it ends by itself when there is nothing to
 # do), or asks it to end with SIGTERM after a few seconds.
 wait_kelpd() {
@@ -199,6 +216,7 @@ start_namespace
 start_nginx
 start_configd
 run_kelpd
+start_web
 run_client
 wait_kelpd
 show_log

@@ -277,9 +277,9 @@ bool server_start(web_server *srv, const sockaddr_in &addr)
     srv->sessions.wake = wake_stream;
     unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG;
     MHD_Daemon *d = MHD_start_daemon(flags, ntohs(addr.sin_port), nullptr, nullptr, on_request, srv,
+                                     MHD_OPTION_EXTERNAL_LOGGER, on_mhd_log, nullptr,
                                      MHD_OPTION_SOCK_ADDR, &addr,
                                      MHD_OPTION_NOTIFY_COMPLETED, on_completed, srv,
-                                     MHD_OPTION_EXTERNAL_LOGGER, on_mhd_log, nullptr,
                                      MHD_OPTION_CONNECTION_LIMIT, 64u,
                                      MHD_OPTION_CONNECTION_TIMEOUT, 60u,
                                      MHD_OPTION_END);
