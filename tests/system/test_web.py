@@ -153,6 +153,19 @@ def test_posts_are_taken_only_from_the_page_origin(ns, web, stub):
     assert status == 200 and re.fullmatch(r"[0-9a-f]{32}", body["session"])
 
 
+def test_requests_for_foreign_host_names_are_refused(ns, web, stub):
+    d = news_stub(stub)
+    evil = "evil.test:%d" % web.port  # a name pointed at the loopback by its owner
+    r, _ = web.request("GET", "/", headers={"Host": evil})
+    assert r.status == 421
+    r, _ = web.request("POST", "/api/session", '{"domain":"rss","profile":1}',
+                       {"Host": evil, "Origin": "http://" + evil, "Content-Type": "application/json"})
+    assert r.status == 421
+    r, _ = web.request("GET", "/", headers={"Host": "localhost:%d" % web.port})
+    assert r.status == 200
+    assert d.requests == []
+
+
 def test_malformed_requests_are_refused(ns, web, stub):
     d = news_stub(stub)
     assert web.post("/api/session", {"domain": "news", "profile": 1})[0] == 400

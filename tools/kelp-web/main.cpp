@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -25,10 +26,12 @@ void on_stop(int)
 
 int usage(FILE *to, int status)
 {
-    fprintf(to, "usage: kelp-web [--listen ADDR:PORT]\n"
+    fprintf(to, "usage: kelp-web [--listen ADDR:PORT] [--allow-host NAME]...\n"
                 "Serves kelp's feed reader page on http://ADDR:PORT/ (default 127.0.0.1:8080)\n"
                 "and connects each browser session to kelpd's control socket %s.\n"
-                "PORT 0 picks a free port; the URL is printed on standard output.\n",
+                "PORT 0 picks a free port; the URL is printed on standard output.\n"
+                "Requests are taken for IP addresses and localhost; --allow-host adds a\n"
+                "host name (the gateway's own, when a proxy passes it on).\n",
             KD_CTL_SOCKET);
     return status;
 }
@@ -69,12 +72,17 @@ void catch_signals()
 int main(int argc, char **argv)
 {
     sockaddr_in addr;
+    std::vector<std::string> hosts;
     parse_listen("127.0.0.1:8080", &addr);
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0)
             return usage(stdout, 0);
         if (strcmp(argv[i], "--listen") == 0 && i + 1 < argc && parse_listen(argv[i + 1], &addr)) {
             i++;
+            continue;
+        }
+        if (strcmp(argv[i], "--allow-host") == 0 && i + 1 < argc && *argv[i + 1]) {
+            hosts.emplace_back(argv[++i]);
             continue;
         }
         fprintf(stderr, "kelp-web: bad argument '%s'\n", argv[i]);
@@ -84,6 +92,7 @@ int main(int argc, char **argv)
     catch_signals();
     kweb::web_server srv;
     srv.ctl_path = KD_CTL_SOCKET;
+    srv.allowed_hosts = std::move(hosts);
     if (!kweb::server_start(&srv, addr))
         return 1;
     char ip[INET_ADDRSTRLEN];

@@ -2,6 +2,7 @@
 // streams, served by libmicrohttpd in external-poll (epoll) mode.
 #include "server.h"
 
+#include "origin.h"
 #include "wire.h"
 
 #include <syslog.h>
@@ -92,10 +93,13 @@ bool same_origin(MHD_Connection *c)
 {
     const char *origin = MHD_lookup_connection_value(c, MHD_HEADER_KIND, "Origin");
     const char *host = MHD_lookup_connection_value(c, MHD_HEADER_KIND, "Host");
-    if (!origin || !host || !*host)
-        return false;
-    std::string_view o(origin);
-    return o == std::string("http://") + host || o == std::string("https://") + host;
+    return origin && host && origin_matches(origin, host);
+}
+
+bool host_ok(web_server *srv, MHD_Connection *c)
+{
+    const char *host = MHD_lookup_connection_value(c, MHD_HEADER_KIND, "Host");
+    return host && host_allowed(host, srv->allowed_hosts);
 }
 
 bool is_json(MHD_Connection *c)
@@ -236,6 +240,9 @@ MHD_Result on_request(void *cls, MHD_Connection *c, const char *url, const char 
                       const char *data, size_t *size, void **req_cls)
 {
     auto *srv = static_cast<web_server *>(cls);
+    if (!host_ok(srv, c))
+        return respond(c, MHD_HTTP_MISDIRECTED_REQUEST, "unknown host name (see --allow-host)\n",
+                       "text/plain; charset=utf-8");
     if (strcmp(method, "POST") == 0)
         return collect_post(srv, c, url, data, size, req_cls);
     if (strcmp(method, "GET") != 0 && strcmp(method, "HEAD") != 0)

@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kweb {
 
@@ -21,6 +22,7 @@ struct web_server {
     session_table sessions;
     std::unique_ptr<MHD_Daemon, mhd_stop> mhd;
     std::string ctl_path;
+    std::vector<std::string> allowed_hosts; // names beside addresses and localhost
     time_t last_keepalive = 0;
 };
 
