@@ -140,6 +140,29 @@ void session_keepalive(session_table *t, session *s)
     wake(t, s);
 }
 
+namespace {
+
+void kelpd_gone(session_table *t, session *s)
+{
+    syslog(LOG_INFO, "session %.8s: kelpd closed the connection", s->token.c_str());
+    replace_fd(&s->ctl, -1);
+    session_push(t, s, "{\"type\":\"gone\"}");
+    s->ending = true;
+    wake(t, s);
+}
+
+// A packet over the limit is taken with a one-byte buffer, which discards
+// the rest of it; the page is told that something was lost.
+void drop_packet(session_table *t, session *s, ssize_t len)
+{
+    char c;
+    recv(s->ctl.get(), &c, 1, MSG_DONTWAIT);
+    syslog(LOG_ERR, "session %.8s: a message of %zd bytes from kelpd was dropped", s->token.c_str(), len);
+    session_push(t, s, "{\"type\":\"error\",\"text\":\"a message from kelpd was too large and was dropped\"}");
+}
+
+} // namespace
+
 bool session_receive(session_table *t, session *s)
 {
     if (!s->ctl)
@@ -149,24 +172,18 @@ bool session_receive(session_table *t, session *s)
     if (len < 0 && (errno == EAGAIN || errno == EINTR))
         return true;
     if (len <= 0) {
-        syslog(LOG_INFO, "session %.8s: kelpd closed the connection", s->token.c_str());
-        replace_fd(&s->ctl, -1);
-        session_push(t, s, "{\"type\":\"gone\"}");
-        s->ending = true;
-        wake(t, s);
+        kelpd_gone(t, s);
         return false;
     }
     if (static_cast<size_t>(len) > t->max_packet) {
-        // Taking it with a small buffer discards the rest of the packet.
-        recv(s->ctl.get(), &probe, 1, MSG_DONTWAIT);
-        syslog(LOG_ERR, "session %.8s: a message of %zd bytes from kelpd was dropped", s->token.c_str(), len);
-        session_push(t, s, "{\"type\":\"error\",\"text\":\"a message from kelpd was too large and was dropped\"}");
+        drop_packet(t, s, len);
         return true;
     }
     std::string block(static_cast<size_t>(len), '\0');
     ssize_t got = recv(s->ctl.get(), block.data(), block.size(), MSG_DONTWAIT);
     if (got <= 0)
         return true;
+    // The text ends at the first NUL; the padding behind it means nothing.
     block.resize(std::min(block.find('\0'), static_cast<size_t>(got)));
     std::string json;
     if (message_to_json(block, &json))

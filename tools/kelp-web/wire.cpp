@@ -88,21 +88,32 @@ void append_feeds(std::string *out, const std::vector<field> &fs, size_t i)
     out->append(feeds);
 }
 
+// One "image:" field and the "offset:" that follows it; *i moves past both.
+bool append_image(std::string *images, const std::vector<field> &fs, size_t *i)
+{
+    uint32_t off = 0;
+    const field &f = fs[*i];
+    if (*i + 1 < fs.size() && fs[*i + 1].key == "offset") {
+        if (!parse_u32(fs[*i + 1].value, &off))
+            return false;
+        ++*i;
+    }
+    *images += images->size() > 1 ? ",{" : "{";
+    append_text(images, "url", f.value);
+    append_number(images, "offset", off);
+    *images += '}';
+    return true;
+}
+
 // body:, image:/offset: pairs and url: of an item answer.
 bool append_item_fields(std::string *out, const std::vector<field> &fs, size_t i)
 {
     std::string images = "[";
     for (; i < fs.size(); i++) {
         const field &f = fs[i];
-        uint32_t off = 0;
         if (f.key == "image") {
-            if (i + 1 < fs.size() && fs[i + 1].key == "offset" && !parse_u32(fs[i + 1].value, &off))
+            if (!append_image(&images, fs, &i))
                 return false;
-            images += images.size() > 1 ? ",{" : "{";
-            append_text(&images, "url", f.value);
-            append_number(&images, "offset", off);
-            images += '}';
-            i += i + 1 < fs.size() && fs[i + 1].key == "offset";
         } else if (f.key == "body" || f.key == "url")
             append_text(out, f.key, f.value);
         else if (is_number_key(f.key) && !append_number_field(out, f))
@@ -113,34 +124,45 @@ bool append_item_fields(std::string *out, const std::vector<field> &fs, size_t i
     return true;
 }
 
+// "9:KD_NOT_LOGGED_IN" as {"code":9,"name":"KD_NOT_LOGGED_IN"}.
+bool append_error(std::string *out, const field &f)
+{
+    uint32_t code;
+    if (!parse_u32(f.key, &code))
+        return false;
+    append_key(out, "error");
+    *out += "{\"code\":" + std::to_string(code);
+    append_text(out, "name", f.value);
+    *out += '}';
+    return true;
+}
+
+// The domain and profile id that every answer repeats; false when neither
+// is there. *i moves past them.
+bool append_head(std::string *out, const std::vector<field> &fs, size_t *i)
+{
+    size_t start = *i;
+    for (; *i < fs.size() && fs[*i].keyed && (fs[*i].key == "domain" || fs[*i].key == "profile_id"); ++*i) {
+        if (fs[*i].key == "domain")
+            append_text(out, "domain", fs[*i].value);
+        else if (!append_number_field(out, fs[*i]))
+            return false;
+    }
+    return *i > start;
+}
+
 bool answer_to_json(const std::vector<field> &fs, std::string *out)
 {
     if (fs.size() < 2)
         return false;
     bool ok = fs[0].key == "OK";
     std::string_view cmd = fs[1].key;
-    *out = "{\"type\":\"answer\",\"ok\":";
-    *out += ok ? "true" : "false";
+    *out = ok ? "{\"type\":\"answer\",\"ok\":true" : "{\"type\":\"answer\",\"ok\":false";
     append_text(out, "cmd", cmd);
     size_t i = 2;
-    if (!ok && fs.size() > 2) {
-        uint32_t code;
-        if (!parse_u32(fs[2].key, &code))
-            return false;
-        append_key(out, "error");
-        *out += "{\"code\":" + std::to_string(code);
-        append_text(out, "name", fs[2].value);
-        *out += '}';
-        i = 3;
-    }
-    size_t head_end = i;
-    for (; i < fs.size() && fs[i].keyed && (fs[i].key == "domain" || fs[i].key == "profile_id"); i++) {
-        if (fs[i].key == "domain")
-            append_text(out, "domain", fs[i].value);
-        else if (!append_number_field(out, fs[i]))
-            return false;
-    }
-    if (i == head_end)
+    if (!ok && fs.size() > 2 && !append_error(out, fs[i++]))
+        return false;
+    if (!append_head(out, fs, &i))
         return false;
     if (cmd == "login" || cmd == "accounts")
         append_feeds(out, fs, i);
