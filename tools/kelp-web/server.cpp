@@ -32,6 +32,12 @@ struct sse_stream {
     bool suspended = false;
 };
 
+// A response is ours until queued; the connection keeps its own reference.
+struct response_free {
+    void operator()(MHD_Response *r) const { MHD_destroy_response(r); }
+};
+using response_ptr = std::unique_ptr<MHD_Response, response_free>;
+
 void add_common_headers(MHD_Response *r, const char *type)
 {
     MHD_add_response_header(r, "Content-Type", type);
@@ -42,16 +48,19 @@ void add_common_headers(MHD_Response *r, const char *type)
     MHD_add_response_header(r, "Cache-Control", "no-store");
 }
 
-MHD_Result respond(MHD_Connection *c, unsigned status, const std::string &body, const char *type)
+MHD_Result queue(MHD_Connection *c, unsigned status, response_ptr r, const char *type)
 {
-    MHD_Response *r = MHD_create_response_from_buffer(body.size(), const_cast<char *>(body.data()),
-                                                      MHD_RESPMEM_MUST_COPY);
     if (!r)
         return MHD_NO;
-    add_common_headers(r, type);
-    MHD_Result ok = MHD_queue_response(c, status, r);
-    MHD_destroy_response(r);
-    return ok;
+    add_common_headers(r.get(), type);
+    return MHD_queue_response(c, status, r.get());
+}
+
+MHD_Result respond(MHD_Connection *c, unsigned status, const std::string &body, const char *type)
+{
+    response_ptr r(MHD_create_response_from_buffer(body.size(), const_cast<char *>(body.data()),
+                                                   MHD_RESPMEM_MUST_COPY));
+    return queue(c, status, std::move(r), type);
 }
 
 MHD_Result respond_json(MHD_Connection *c, unsigned status, const std::string &json)
@@ -75,14 +84,9 @@ MHD_Result serve_asset(MHD_Connection *c, std::string_view url)
     for (size_t i = 0; i < kAssetCount; i++) {
         if (url != kAssets[i].path)
             continue;
-        MHD_Response *r = MHD_create_response_from_buffer(
-            kAssets[i].size, const_cast<unsigned char *>(kAssets[i].data), MHD_RESPMEM_PERSISTENT);
-        if (!r)
-            return MHD_NO;
-        add_common_headers(r, kAssets[i].type);
-        MHD_Result ok = MHD_queue_response(c, MHD_HTTP_OK, r);
-        MHD_destroy_response(r);
-        return ok;
+        response_ptr r(MHD_create_response_from_buffer(
+            kAssets[i].size, const_cast<unsigned char *>(kAssets[i].data), MHD_RESPMEM_PERSISTENT));
+        return queue(c, MHD_HTTP_OK, std::move(r), kAssets[i].type);
     }
     return respond(c, MHD_HTTP_NOT_FOUND, "not found\n", "text/plain; charset=utf-8");
 }
@@ -149,19 +153,13 @@ MHD_Result open_stream(web_server *srv, MHD_Connection *c)
         return respond_error(c, MHD_HTTP_NOT_FOUND, "no such session");
     if (s->stream)
         return respond_error(c, MHD_HTTP_CONFLICT, "the session has its event stream already");
-    auto *st = new sse_stream{srv, s->token, c};
-    MHD_Response *r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kStreamBlock, read_events, st,
-                                                        free_stream);
-    if (!r) {
-        delete st;
+    auto st = std::make_unique<sse_stream>(sse_stream{srv, s->token, c});
+    response_ptr r(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kStreamBlock, read_events, st.get(),
+                                                     free_stream));
+    if (!r)
         return MHD_NO;
-    }
-    add_common_headers(r, "text/event-stream");
-    MHD_Result ok = MHD_queue_response(c, MHD_HTTP_OK, r);
-    MHD_destroy_response(r);
-    if (ok == MHD_YES)
-        s->stream = st;
-    return ok;
+    s->stream = st.release(); // free_stream deletes it with the response
+    return queue(c, MHD_HTTP_OK, std::move(r), "text/event-stream");
 }
 
 MHD_Result open_session(web_server *srv, MHD_Connection *c, const std::vector<json_member> &obj)
