@@ -13,11 +13,8 @@
 #include "client/kd_push.h"
 #include "config/kd_config.h"
 #include "platform/csock.h"
-#include "platform/dsldstat.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
-
-int (*kd_internet_usable)(void) = dsldstat_internet_usable;
 
 namespace {
 
@@ -30,6 +27,11 @@ struct client_ctx {
 };
 
 void client_error_cb(int, void *) {}
+
+void client_writable(int, void *ctx)
+{
+    kd_outq_drain(static_cast<client_ctx *>(ctx)->client);
+}
 
 // A zero-length packet and an orderly close both read as 0 bytes on a
 // sequenced-packet socket; only the hang-up tells them apart.
@@ -85,10 +87,11 @@ kd_msg *receive_request(kd_client *c, kd_msg *msg)
 }
 
 // Takes every profile link out of both sides (stops if a link cannot be
-// removed) and drops the overviews still queued for the connection.
+// removed) and drops what still waits to be sent to the connection.
 void detach_profiles(kd_client *c)
 {
     kd_drop_queued_overviews(c);
+    kd_outq_clear(&c->outq);
     while (c->nprofiles > 0) {
         uint32_t before = c->nprofiles;
         kd_unlink_profile(c, c->profiles[0]);
@@ -126,7 +129,7 @@ int kd_new_connection(int fd, void *ctx)
     if (cc) {
         cc->head = static_cast<kd_client **>(ctx);
         cc->client = c;
-        h = csock_add_fd(fd, "client", client_request, nullptr, nullptr, client_error_cb, client_closed, cc);
+        h = csock_add_fd(fd, "client", client_request, client_writable, nullptr, client_error_cb, client_closed, cc);
     }
     if (h <= 0) {
         kd_free(cc);
@@ -135,6 +138,7 @@ int kd_new_connection(int fd, void *ctx)
         return -2;
     }
     c->handle = h;
+    csock_want_write(h, 0); // only while blocks wait
     kd_client **head = cc->head;
     c->next = *head;
     if (*head)
@@ -197,6 +201,23 @@ void client_closed(int, void *ctx)
     kd_free(cc);
 }
 
+void kd_client_drop_profile(kd_client *client, kd_profile *profile)
+{
+    for (uint32_t i = 0; i < client->nprofiles; i++) {
+        if (client->profiles[i] != profile)
+            continue;
+        for (uint32_t j = i + 1; j < client->nprofiles; j++)
+            client->profiles[j - 1] = client->profiles[j];
+        client->nprofiles--;
+        return;
+    }
+}
+
+int kd_client_fd(const kd_client *client)
+{
+    return client ? csock_fileno(client->handle) : -1;
+}
+
 void kd_trace_client(kd_client *client)
 {
     if (!client)
@@ -216,26 +237,12 @@ void kd_trace_client(kd_client *client)
     }
 }
 
+// Never blocks: what the socket cannot take now waits in the connection's
+// queue (kd_outq), so one client that stops reading cannot stall the loop.
 int client_send(kd_client *client, const char *buf, size_t count)
 {
     KD_ASSERT(client!=((void *)0));
-    size_t off = 0;
-    while (off < count) {
-        // MSG_NOSIGNAL: a vanished peer must not kill the daemon with SIGPIPE.
-        ssize_t n = send(csock_fileno(client->handle), buf + off, count - off, MSG_NOSIGNAL);
-        if (n >= 0) {
-            off += static_cast<size_t>(n);
-            continue;
-        }
-        int err = errno;
-        KD_LOG(1, LOG_ERR, "send failed with %d", err);
-        if (err == EPIPE || err == ECONNRESET) {
-            KD_LOG(3, LOG_INFO, "connection is broken");
-            client->broken = 1;
-        }
-        return 0;
-    }
-    return 1;
+    return kd_outq_send(client, buf, count);
 }
 
 int send_response(kd_client *client, kd_msg *req, const void *object)

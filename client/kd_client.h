@@ -7,6 +7,7 @@
 #include <mxml.h>
 
 #include "client/kd_notify.h"
+#include "client/kd_outq.h"
 
 struct kd_profile;
 struct kd_msg;
@@ -19,6 +20,7 @@ struct kd_client {
     uint32_t nprofiles;
     kd_client *next;
     kd_client *prev;
+    kd_outq outq;            // blocks waiting for the socket to take them
 };
 
 // Accept callback of the listener; ctx is the address of the client list head.

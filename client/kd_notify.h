@@ -1,7 +1,8 @@
-// kd_notify: what the rest of the daemon tells the clients. The configuration
-// merge, the poll timers and the feed refresh include only this header from
-// client/; every push goes to the connections of a profile in the order they
-// logged in, each with its own API version.
+// kd_notify: what the rest of the daemon may ask of the client service. The
+// configuration and the feed refresh include only this header from client/
+// (client/ calls into config/, never the other way round but through here).
+// Every push goes to the connections of a profile in the order they logged
+// in, each with its own API version.
 #pragma once
 #include <mxml.h>
 
@@ -19,6 +20,8 @@ void kd_entry_updated(mxml_node_t *entry);
 // changed. Called before the old document is deleted.
 void kd_check_profupdate(mxml_node_t *old_profile, mxml_node_t *new_profile);
 
-// The internet status as the daemon sees it: dsldstat_internet_usable by
-// default; unit tests substitute their own.
-extern int (*kd_internet_usable)(void);
+// Takes a profile out of a connection's list (the first equal entry; later
+// ones move down). The profile's side is the caller's: kd_unlink_profile.
+void kd_client_drop_profile(kd_client *client, kd_profile *profile);
+// A connection's socket descriptor, for log lines (-1 when it has none).
+int kd_client_fd(const kd_client *client);

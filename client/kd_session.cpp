@@ -38,7 +38,7 @@ uint32_t lookup_profile(const kd_msg *m, kd_profile **out)
     kd_profile **list = domain_list(m->domain);
     if (!list)
         return KD_DOMAIN_NOT_FOUND;
-    if (!*list && g_configstate != 2)
+    if (!*list && kd_config_state() != KD_CONFIG_RECEIVED)
         return KD_NO_CONFIG;
     kd_profile *p = first_with_id(*list, m->profile_id);
     if (!p)

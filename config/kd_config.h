@@ -44,13 +44,18 @@ mxml_node_t *kd_first_entry(mxml_node_t *pool);
 mxml_node_t *kd_next_entry(mxml_node_t *entry, mxml_node_t *pool);
 
 // --- configd session ---
-// Messages of the configd interface that the daemon uses.
-inline constexpr uint32_t KD_CONFIGD_SUBSCRIBE = 0x10000001;
-inline constexpr uint32_t KD_CONFIGD_GET_CONFIG = 0x10000002;
-inline constexpr uint32_t KD_CONFIGD_SAVE_CONFIG = 0x10000003;
-inline constexpr uint32_t KD_CONFIGD_CHANGE_IND = 0x20000000;
-extern int32_t g_configstate;        // -1 none, 0 connecting, 1 requested, 2 received, 3 closing
-extern uint32_t g_receiveddomains;   // bit 1 rss, bit 2 podcast
+// States of the session (g_configstate, owned by config/).
+inline constexpr int32_t KD_CONFIG_NONE = -1;       // no connection
+inline constexpr int32_t KD_CONFIG_CONNECTING = 0;
+inline constexpr int32_t KD_CONFIG_REQUESTED = 1;   // a document was asked for
+inline constexpr int32_t KD_CONFIG_RECEIVED = 2;    // the last request was answered
+inline constexpr int32_t KD_CONFIG_CLOSING = 3;
+// Domains whose document has arrived at least once (a set of bits).
+inline constexpr uint32_t KD_RECEIVED_RSS = 1;
+inline constexpr uint32_t KD_RECEIVED_PODCAST = 2;
+inline constexpr uint32_t KD_RECEIVED_BOTH = KD_RECEIVED_RSS | KD_RECEIVED_PODCAST;
+int32_t kd_config_state(void);
+uint32_t kd_config_received(void);
 rpc_conn *kd_config_init(void);
 void kd_config_close(rpc_conn *conn);
 void kd_save_config(mxml_node_t *root);
@@ -65,6 +70,10 @@ void kd_configd_change(rpc_conn *conn, rpc_msg *msg);
 void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc);
 void kd_refresh_domain_timers(mxml_node_t *root);
 void kd_refresh_timers(void);
+// The internet status as the daemon sees it, asked before polls start and
+// by the client service: dsldstat_internet_usable by default; unit tests
+// substitute their own.
+extern int (*kd_internet_usable)(void);
 void kd_unlink_profile(kd_client *client, kd_profile *profile);
 int kd_config_empty(void);
 

@@ -2,11 +2,12 @@
 // subscribing it has a connected client and the internet is usable; this
 // module starts and stops the poll timers, unlinks profiles from connections
 // and decides whether the configuration is empty.
-#include "client/kd_client.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
+#include "config/kd_config_state.h"
 #include "config/kd_merge.h"
 #include "feed/kd_node.h"
-#include "platform/csock.h"
+#include "platform/dsldstat.h"
 #include "platform/timeout.h"
 #include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
@@ -73,6 +74,8 @@ bool has_items(mxml_node_t *root)
 
 } // namespace
 
+int (*kd_internet_usable)(void) = dsldstat_internet_usable;
+
 void kd_add_immediate_refresh(kd_node *feed)
 {
     timeout_add(immediate_refresh, 0, feed, 0);
@@ -106,15 +109,15 @@ void kd_unlink_profile(kd_client *client, kd_profile *profile)
     if (!client || !profile)
         return;
     KD_LOG(4, LOG_DEBUG, "unlinking profile %u from connection on sd %d", profile->profile_id,
-           csock_fileno(client->handle));
+           kd_client_fd(client));
     remove_first(profile->connections, &profile->nconns, client);
-    remove_first(client->profiles, &client->nprofiles, profile);
+    kd_client_drop_profile(client, profile);
     kd_refresh_timers();
 }
 
 int kd_config_empty(void)
 {
-    if (g_configstate != 2 || g_receiveddomains != 3)
+    if (g_configstate != KD_CONFIG_RECEIVED || g_receiveddomains != KD_RECEIVED_BOTH)
         return 0;
     if (has_items(g_rssdomain) || has_items(g_poddomain))
         return 0;

@@ -2,9 +2,10 @@
 # The main job, shown on one machine without touching it: kelpd runs in a
 # private mount and network namespace (its fixed paths /var/run, /var/tmp,
 # /var/rpc and /dev/log are private there) with configd holding examples/,
-# a local nginx serving the example feeds as http://feeds.test/, kelpctl as
-# the client and kelp-web serving the browser page (its URL is printed);
-# then the syslog lines and kelpd's exit status are printed.
+# a local nginx serving the example feeds as http://feeds.test/, and kelpctl
+# as the clients: the first poll, a read, the push to another profile and
+# the marks stored in configd; kelp-web serves the browser page meanwhile
+# (its URL is printed); then the syslog lines and the exit status.
 #
 # Usage: scripts/demo.sh <builddir>     (as root; `make demo` calls it)
 set -euo pipefail
@@ -22,6 +23,7 @@ cleanup() {
     [ -n "${NGINX:-}" ] && kill "$NGINX" 2>/dev/null || true
     [ -n "${HOLDER:-}" ] && kill "$HOLDER" 2>/dev/null || true
     [ -n "${LOGGER:-}" ] && kill "$LOGGER" 2>/dev/null || true
+    [ -n "${WATCH:-}" ] && kill "$WATCH" 2>/dev/null || true
     [ -n "${WEB:-}" ] && kill "$WEB" 2>/dev/null || true
     wait 2>/dev/null || true
     rm -rf "$WORK"
@@ -154,8 +156,10 @@ run_kelpd() {
     DAEMON=$(echo "$out" | sed -n 's/^kelpd started with pid \[\([0-9]*\)\]$/\1/p')
 }
 
-# A client logs in to profile 1 of each domain and follows the pushed
-# overviews for a few seconds; when it leaves, the daemon ends by itself.
+# One client watches profile 2 of "rss" for the whole run (it keeps the
+# daemon alive: kelpd ends by itself when its last client has gone); another
+# logs in as profile 1, waits for the first poll, reads an item of the feed
+# both profiles subscribe, and the watcher is seen to get the new state.
 run_client() {
     [ -x "$BIN/kelpctl" ] || { say "kelpctl not built"; return; }
     [ -n "${CONFIGD:-}" ] || return
@@ -163,13 +167,26 @@ run_client() {
         [ -S "/proc/$HOLDER/root/var/tmp/me_kelpd_daemon.ctl" ] && break
         sleep 0.1
     done
-    say "kelpctl -f login (rss, profile 1): the feeds, then what the daemon pushes, for 6 seconds"
-    inside timeout -s INT 6 "$BIN/kelpctl" -f login &
-    local follow=$!
-    sleep 2
-    say "meanwhile kelpctl -d podcast login (podcast, profile 1)"
-    inside "$BIN/kelpctl" -d podcast login || true
-    wait "$follow" || true
+    inside "$BIN/kelpctl" -p 2 watch > "$WORK/watch.txt" 2>&1 &
+    WATCH=$!
+    say "kelpctl accounts (rss, profile 1)"
+    inside "$BIN/kelpctl" accounts || true
+    # The first poll of each feed runs right after the first login.
+    for _ in $(seq 1 50); do
+        inside "$BIN/kelpctl" overview 2 2>/dev/null | grep -q "items," && break
+        sleep 0.2
+    done
+    say "kelpctl overview (rss, profile 1): the items after the first poll"
+    inside "$BIN/kelpctl" overview || true
+    say "kelpctl read 2 0: reading item 0 of 'Local weather' marks it read for profiles 1 and 2"
+    inside "$BIN/kelpctl" read 2 0 || true
+    sleep 0.5
+    say "what profile 2's watching client was pushed (kelpctl -p 2 watch)"
+    cat "$WORK/watch.txt"
+    say "the read marks as configd stores them (configctl get rss)"
+    inside "$BIN/configctl" get rss | grep '<item ' || true
+    kill -INT "$WATCH" 2>/dev/null || true
+    wait "$WATCH" 2>/dev/null || true
 }
 
 # kelp-web: in the namespace's mount namespace (it finds kelpd's control

@@ -1,5 +1,6 @@
 """kelpctl against the real kelpd and configd: the login's feed table, raw
-requests, and a refused login while the configuration has not arrived."""
+requests, a refused login while the configuration has not arrived, and
+accounts and overview of feeds that have not been fetched yet."""
 import os
 import signal
 
@@ -81,4 +82,23 @@ def test_login_refused_until_the_configuration_arrives(ns):
     ns.syslog.wait_for("incoming config data (handle=2)")
     cp = ns.kelpctl("login")
     assert cp.returncode == 0 and cp.stdout.startswith("FEED_ID  NAME\n1        News\n")
+    keeper.close()
+
+
+def test_accounts_and_overview_of_feeds_not_fetched_yet(ns):
+    start(ns)
+    keeper = keep_alive(ns)
+    cp = ns.kelpctl("accounts")
+    assert cp.returncode == 0, cp.stderr
+    assert cp.stdout == ("FEED_ID  NAME\n"
+                         "1        News\n"
+                         "12       Caf\u00e9 Radio\n"
+                         "3        http://feeds.test/c.xml\n")
+    cp = ns.kelpctl("overview")
+    assert cp.returncode == 0, cp.stderr
+    assert cp.stdout == ("feed 1 (News): no items yet\n\n"
+                         "feed 12 (Caf\u00e9 Radio): no items yet\n\n"
+                         "feed 3 (http://feeds.test/c.xml): no items yet\n")
+    cp = ns.kelpctl("-p", "2", "accounts")
+    assert cp.returncode == 0 and cp.stdout == "FEED_ID  NAME\n"
     keeper.close()

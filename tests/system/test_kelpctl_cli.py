@@ -1,85 +1,13 @@
 """kelpctl without kelpd: usage errors, a daemon that is not running, and
 the client's side of the protocol against a scripted stand-in daemon that
 listens on the control socket inside the test's namespace."""
-import os
 import signal
 import socket
 import subprocess
-import threading
 
 import pytest
 
-CTL = "/var/tmp/me_kelpd_daemon.ctl"
-USAGE_ERROR = 2
-REFUSED = 1
-NO_DAEMON = 3
-
-
-def frame(text):
-    """A daemon block: the text, its NUL, zeros up to the capacity."""
-    data = text.encode("latin-1")
-    cap = 32
-    while cap < len(data) + 2:
-        cap *= 2
-    return data + b"\0" * (cap - len(data))
-
-
-class FakeDaemon:
-    """Accepts one connection, records each request, answers from a script.
-
-    script: for each request, the list of texts to send back. After the
-    script, the connection is closed when close_after is set, else held open
-    until the test ends."""
-
-    def __init__(self, ns, script, close_after=False):
-        self.requests = []
-        self.script = list(script)
-        self.close_after = close_after
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.sock.bind(ns.path(CTL))
-        self.sock.listen(4)
-        self.done = threading.Event()
-        self.conn = None
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self):
-        try:
-            self.conn, _ = self.sock.accept()
-            for answers in self.script:
-                self.requests.append(self.conn.recv(8192))
-                for text in answers:
-                    self.conn.send(frame(text))
-            if self.close_after:
-                self.conn.close()
-        finally:
-            self.done.set()
-
-    def close(self):
-        if self.conn:
-            self.conn.close()
-        self.sock.close()
-
-
-@pytest.fixture
-def fake(ns):
-    made = []
-
-    def start(script, close_after=False):
-        d = FakeDaemon(ns, script, close_after)
-        made.append(d)
-        return d
-    yield start
-    for d in made:
-        d.close()
-
-
-def one_line_error(cp):
-    lines = cp.stderr.splitlines()
-    assert len(lines) == 1, cp.stderr
-    assert lines[0].startswith("kelpctl: ")
-    return lines[0]
-
+from kelpctl_fake import CTL, NO_DAEMON, REFUSED, USAGE_ERROR, fake, one_line_error  # noqa: F401
 
 # --- usage -------------------------------------------------------------------
 
@@ -96,6 +24,19 @@ def one_line_error(cp):
     (("--bogus", "login"), "kelpctl: unknown option '--bogus' (try 'kelpctl --help')"),
     (("login", "extra"), "kelpctl: login takes no arguments (use -d and -p before the command)"),
     (("raw",), "kelpctl: raw needs a request, e.g. kelpctl raw login v:3 domain:rss profile_id:1"),
+    (("accounts", "4"), "kelpctl: accounts takes no arguments (use -d and -p before the command)"),
+    (("status", "now"), "kelpctl: status takes no arguments (use -d and -p before the command)"),
+    (("watch", "x"), "kelpctl: watch takes no arguments (use -d and -p before the command)"),
+    (("overview", "4", "5"), "kelpctl: overview takes at most one FEED_ID (a number), e.g. kelpctl overview 4"),
+    (("overview", "four"), "kelpctl: overview takes at most one FEED_ID (a number), e.g. kelpctl overview 4"),
+    (("read", "4"), "kelpctl: read needs FEED_ID UID (two numbers), e.g. kelpctl read 4 17"),
+    (("read", "4", "17", "18"), "kelpctl: read needs FEED_ID UID (two numbers), e.g. kelpctl read 4 17"),
+    (("read", "4", "-1"), "kelpctl: read needs FEED_ID UID (two numbers), e.g. kelpctl read 4 17"),
+    (("enclosure", "4294967296", "1"),
+     "kelpctl: enclosure needs FEED_ID UID (two numbers), e.g. kelpctl enclosure 4 17"),
+    (("image", "x", "1"), "kelpctl: image needs FEED_ID UID (two numbers), e.g. kelpctl image 4 17"),
+    (("-f", "read", "4", "17"), "kelpctl: -f works with login and raw only (try 'kelpctl watch')"),
+    (("-f", "watch"), "kelpctl: -f works with login and raw only (try 'kelpctl watch')"),
 ])
 def test_usage_errors_are_one_line_with_status_2(ns, args, text):
     cp = ns.kelpctl(*args)
@@ -116,7 +57,9 @@ def test_help_lists_commands_and_exit_statuses(ns):
     cp = ns.kelpctl("--help")
     assert cp.returncode == 0 and cp.stderr == ""
     assert cp.stdout.startswith("usage: kelpctl [-d rss|podcast] [-p PROFILE] [--api 2|3]")
-    for word in ("login", "raw", CTL, "exit status"):
+    commands = [line.split()[0] for line in cp.stdout.split("commands:\n")[1].split("\n\n")[0].splitlines()]
+    assert commands == ["login", "accounts", "overview", "read", "enclosure", "image", "status", "watch", "raw"]
+    for word in (CTL, "exit status", "FEED_ID UID", "[FEED_ID]", "REQUEST..."):
         assert word in cp.stdout
 
 

@@ -1,7 +1,6 @@
-// kelpctl's commands. Each opens its own connection, logs in where the
-// protocol needs it (login_session), and prints the answer for people; the
-// table at the end is where further commands (accounts, status, overview,
-// body, enclosure, image) join.
+// kelpctl's request commands. Each opens its own connection, logs in
+// (login_session), sends its request and prints the answer for people; the
+// commands that live on pushed messages are in pushes.cpp.
 #include "kelpctl.h"
 
 #include <cstdio>
@@ -9,53 +8,6 @@
 namespace kelpctl {
 
 namespace {
-
-std::string login_request(const options &opt)
-{
-    return "login\tv:" + std::to_string(opt.api) + "\tdomain:" + opt.domain +
-           "\tprofile_id:" + std::to_string(opt.profile);
-}
-
-bool starts_with(const std::string &s, const std::string &prefix)
-{
-    return s.compare(0, prefix.size(), prefix) == 0;
-}
-
-// The error field of an ERROR answer: "19:KD_NO_CONFIG".
-std::string error_of(const std::string &answer)
-{
-    std::vector<std::string> f = split_fields(answer);
-    return f.size() > 2 ? f[2] : std::string("unknown error");
-}
-
-struct feed_row {
-    std::string id;
-    std::string name;
-};
-
-// name:/feed_id: pairs behind the answer's fixed fields.
-std::vector<feed_row> feeds_of(const std::string &answer)
-{
-    std::vector<feed_row> rows;
-    for (const std::string &f : split_fields(answer)) {
-        if (starts_with(f, "name:"))
-            rows.push_back({"", f.substr(5)});
-        else if (starts_with(f, "feed_id:") && !rows.empty())
-            rows.back().id = f.substr(8);
-    }
-    return rows;
-}
-
-void print_feeds(const std::vector<feed_row> &rows)
-{
-    size_t width = 7; // "FEED_ID"
-    for (const feed_row &r : rows)
-        width = r.id.size() > width ? r.id.size() : width;
-    printf("%-*s  %s\n", static_cast<int>(width), "FEED_ID", "NAME");
-    for (const feed_row &r : rows)
-        printf("%-*s  %s\n", static_cast<int>(width), r.id.c_str(), visible(r.name).c_str());
-    fflush(stdout);
-}
 
 // Joins the words with tabs, the separator the daemon itself uses.
 std::string join_tabs(const std::vector<std::string> &words)
@@ -66,30 +18,59 @@ std::string join_tabs(const std::vector<std::string> &words)
     return out;
 }
 
-} // namespace
+struct item_ref {
+    uint32_t feed = 0;
+    uint32_t uid = 0;
+};
 
-int await_answer(const connection &c, const options &opt, const std::string &word, std::string *answer)
+int item_args(const std::string &word, const std::vector<std::string> &args, item_ref *ref)
 {
-    for (;;) {
-        int st = receive(c, opt.timeout_s * 1000, answer);
-        if (st != 0 || interrupted())
-            return st;
-        if (starts_with(*answer, "OK\t" + word + "\t") || starts_with(*answer, "ERROR\t" + word + "\t"))
-            return 0;
-    }
+    if (args.size() == 2 && parse_u32(args[0], &ref->feed) && parse_u32(args[1], &ref->uid))
+        return 0;
+    return fail(kExitUsage, word + " needs FEED_ID UID (two numbers), e.g. kelpctl " + word + " 4 17");
 }
 
-int login_session(const options &opt, connection *c, std::string *answer)
+// Logs in, asks for one item and checks that the answer carries it: the daemon
+// answers "OK" without the item part for a feed that the profile lacks.
+int ask_item(const options &opt, const std::string &name, const std::string &word,
+             const std::vector<std::string> &args, const std::string &key, std::vector<std::string> *fields)
 {
-    int st = open_connection(c);
-    st = st ? st : send_text(*c, login_request(opt));
-    st = st ? st : await_answer(*c, opt, "login", answer);
+    item_ref ref;
+    if (int st = item_args(name, args, &ref))
+        return st;
+    connection c;
+    std::string answer;
+    int st = login_session(opt, &c, &answer);
+    std::string request = word + "\t" + session_fields(opt) + "\tfeed_id:" + std::to_string(ref.feed) +
+                          "\tuid:" + std::to_string(ref.uid);
+    st = st || interrupted() ? st : ask(c, opt, word, request, &answer);
     if (st || interrupted())
         return st;
-    if (starts_with(*answer, "ERROR\t"))
-        return fail(kExitRefused, "login refused: " + error_of(*answer));
+    *fields = split_fields(answer);
+    std::string value;
+    if (!field_value(*fields, key, &value))
+        return fail(kExitRefused, "feed " + std::to_string(ref.feed) + " is not one of profile " +
+                                      std::to_string(opt.profile) + "'s feeds");
     return 0;
 }
+
+// Prints the url field of an enclosure or image answer.
+int print_url(const options &opt, const std::string &word, const std::vector<std::string> &args)
+{
+    std::vector<std::string> fields;
+    int st = ask_item(opt, word, word, args, "url", &fields);
+    if (st || interrupted())
+        return st;
+    std::string url;
+    field_value(fields, "url", &url);
+    if (url.empty())
+        return fail(kExitRefused, "item " + args[1] + " of feed " + args[0] + " has no " + word);
+    printf("%s\n", readable(url, false).c_str());
+    fflush(stdout);
+    return kExitOk;
+}
+
+} // namespace
 
 int cmd_login(const options &opt, const std::vector<std::string> &args)
 {
@@ -120,11 +101,66 @@ int cmd_raw(const options &opt, const std::vector<std::string> &args)
     return opt.follow ? follow_messages(c) : kExitOk;
 }
 
+int cmd_accounts(const options &opt, const std::vector<std::string> &args)
+{
+    if (!args.empty())
+        return fail(kExitUsage, "accounts takes no arguments (use -d and -p before the command)");
+    connection c;
+    std::string answer;
+    int st = login_session(opt, &c, &answer);
+    st = st || interrupted() ? st : ask(c, opt, "accounts", "accounts\t" + session_fields(opt), &answer);
+    if (st || interrupted())
+        return st;
+    print_feeds(feeds_of(answer));
+    return kExitOk;
+}
+
+int cmd_read(const options &opt, const std::vector<std::string> &args)
+{
+    std::vector<std::string> f;
+    int st = ask_item(opt, "read", "body", args, "body", &f);
+    if (st || interrupted())
+        return st;
+    size_t i = 0;
+    while (!starts_with(f[i], "body:"))
+        i++;
+    std::string body = readable(f[i].substr(5), true);
+    printf("%s%s", body.c_str(), !body.empty() && body.back() == '\n' ? "" : "\n");
+    // The images follow the body as image:/offset: pairs.
+    for (i++; i < f.size(); i++) {
+        if (!starts_with(f[i], "image:"))
+            continue;
+        std::string offset = "?";
+        if (i + 1 < f.size() && starts_with(f[i + 1], "offset:"))
+            offset = readable(f[i + 1].substr(7), false);
+        printf("image at offset %s: %s\n", offset.c_str(), readable(f[i].substr(6), false).c_str());
+    }
+    fflush(stdout);
+    return kExitOk;
+}
+
+int cmd_enclosure(const options &opt, const std::vector<std::string> &args)
+{
+    return print_url(opt, "enclosure", args);
+}
+
+int cmd_image(const options &opt, const std::vector<std::string> &args)
+{
+    return print_url(opt, "image", args);
+}
+
 const std::vector<command> &commands()
 {
     static const std::vector<command> table = {
-        {"login", "", "log in and list the profile's feeds (FEED_ID, NAME)", cmd_login},
-        {"raw", "REQUEST...", "send one request (words joined by tabs) and print the answer", cmd_raw},
+        {"login", "", "log in and list the profile's feeds (FEED_ID, NAME)", cmd_login, true},
+        {"accounts", "", "log in and ask for the profile's feeds again (FEED_ID, NAME)", cmd_accounts, false},
+        {"overview", "[FEED_ID]", "the items of every feed (or one) with their read state", cmd_overview, false},
+        {"read", "FEED_ID UID", "print an item's text (API 3: and its images); marks it read", cmd_read, false},
+        {"enclosure", "FEED_ID UID", "print the URL of an item's enclosure; marks it read", cmd_enclosure, false},
+        {"image", "FEED_ID UID", "print the URL of an item's first image; marks it read", cmd_image, false},
+        {"status", "", "whether the gateway's internet connection is usable", cmd_status, false},
+        {"watch", "", "log in and print every pushed message readably until interrupted", cmd_watch, false},
+        {"raw", "REQUEST...", "send one request (words joined by tabs) and print the answer", cmd_raw, true},
     };
     return table;
 }

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace kelpctl {
 
@@ -45,6 +46,14 @@ int wait_readable(int fd, int timeout_ms)
     }
     sigprocmask(SIG_SETMASK, &old, nullptr);
     return g_interrupted ? -1 : r;
+}
+
+// A receive of 0 bytes is either the end or an empty packet: only the end
+// comes with a hang-up.
+bool peer_gone(int fd)
+{
+    pollfd p = {fd, POLLIN | POLLRDHUP, 0};
+    return poll(&p, 1, 0) != 1 || (p.revents & (POLLHUP | POLLRDHUP)) != 0;
 }
 
 } // namespace
@@ -84,27 +93,48 @@ int send_text(const connection &c, const std::string &text)
     return fail(kExitNoDaemon, std::string("cannot send to kelpd: ") + strerror(errno));
 }
 
-int receive(const connection &c, int timeout_ms, std::string *text)
+int receive_within(const connection &c, int timeout_ms, std::string *text)
 {
     int ready = wait_readable(c.fd, timeout_ms);
     if (ready < 0)
         return g_interrupted ? kExitOk : fail(kExitNoDaemon, std::string("poll failed: ") + strerror(errno));
     if (ready == 0)
-        return fail(kExitNoDaemon, "no answer from kelpd within " + std::to_string(timeout_ms / 1000) + " seconds");
+        return kTimedOut;
     // Messages have no size limit: ask the packet's length before taking it.
     char probe;
     ssize_t len = recv(c.fd, &probe, 1, MSG_PEEK | MSG_TRUNC);
     if (len < 0)
         return fail(kExitNoDaemon, std::string("cannot receive from kelpd: ") + strerror(errno));
-    if (len == 0)
+    if (len == 0 && peer_gone(c.fd))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     std::string block(static_cast<size_t>(len), '\0');
     ssize_t got = recv(c.fd, block.data(), block.size(), 0);
-    if (got <= 0)
+    if (got < 0 || (got == 0 && len > 0))
         return fail(kExitNoDaemon, "kelpd closed the connection");
     block.resize(static_cast<size_t>(got));
     *text = block.substr(0, block.find('\0'));
     return 0;
+}
+
+int receive(const connection &c, int timeout_ms, std::string *text)
+{
+    int st = receive_within(c, timeout_ms, text);
+    if (st != kTimedOut)
+        return st;
+    return fail(kExitNoDaemon, "no answer from kelpd within " + std::to_string(timeout_ms / 1000) + " seconds");
+}
+
+int64_t now_ms()
+{
+    timespec ts = {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int left_ms(int64_t deadline)
+{
+    int64_t left = deadline - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 std::vector<std::string> split_fields(const std::string &text)

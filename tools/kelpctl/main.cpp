@@ -25,18 +25,23 @@ void usage(FILE *out)
             "  -d, --domain DOMAIN   rss (default) or podcast\n"
             "  -p, --profile ID      profile id (default 1)\n"
             "      --api VERSION     client API version, 2 or 3 (default 3)\n"
-            "  -f, --follow          after the answer, print every pushed message until interrupted\n"
+            "  -f, --follow          login and raw: after the answer, print every message until interrupted\n"
             "  -t, --timeout SECONDS how long to wait for an answer (default 5)\n"
             "  -h, --help            this text\n"
             "\n"
             "commands:\n",
             KD_CTL_SOCKET);
     for (const command &c : commands())
-        fprintf(out, "  %-8s %-11s %s\n", c.name, c.args, c.help);
+        fprintf(out, "  %-9s %-12s %s\n", c.name, c.args, c.help);
     fprintf(out, "\n"
-                 "Messages are printed with each tab as \\t, a backslash as \\\\ and control bytes as \\xNN.\n"
-                 "exit status: 0 done, 1 the daemon answered with an error, 2 usage error,\n"
-                 "3 kelpd not running, connection lost or no answer in time.\n");
+                 "Every command but raw logs in first. overview and status collect what the daemon\n"
+                 "pushes after the login until every feed has its overview or no message came for\n"
+                 "%d ms. login -f and raw print messages with each tab as \\t, a backslash as \\\\\n"
+                 "and control bytes as \\xNN; watch prints one line per message as key=value fields.\n"
+                 "exit status: 0 done, 1 the daemon answered with an error (its name on stderr), the\n"
+                 "item or feed asked for is not there, or status found the internet not usable;\n"
+                 "2 usage error; 3 kelpd not running, connection lost or no answer in time.\n",
+            kQuietMs);
 }
 
 bool parse_number(const char *text, unsigned long max, unsigned long *value)
@@ -131,6 +136,8 @@ int main(int argc, char **argv)
     const command *cmd = find_command(argv[optind]);
     if (!cmd)
         return fail(kExitUsage, std::string("unknown command '") + argv[optind] + "' (try 'kelpctl --help')");
+    if (opt.follow && !cmd->follows)
+        return fail(kExitUsage, std::string("-f works with login and raw only (try 'kelpctl watch')"));
     catch_interrupts();
     return cmd->run(opt, std::vector<std::string>(argv + optind + 1, argv + argc));
 }

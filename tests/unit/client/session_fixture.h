@@ -6,6 +6,7 @@
 #include "client/kd_client.h"
 #include "client/kd_msg.h"
 #include "config/kd_config.h"
+#include "config/kd_config_state.h"
 #include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/slab.h"

@@ -82,7 +82,7 @@ protected:
     rpc_msg reply(uint32_t tag, mxml_node_t *x, const char *reason)
     {
         rpc_msg m{};
-        m.id = KD_CONFIGD_GET_CONFIG;
+        m.id = RPC_CONFIGD_GET_CONFIG;
         m.tag = tag;
         m.is_reply = 1;
         m.x = x;
@@ -103,7 +103,7 @@ protected:
     void indicate(const char *domain)
     {
         rpc_msg m{};
-        m.id = KD_CONFIGD_CHANGE_IND;
+        m.id = RPC_CONFIGD_CHANGE_IND;
         m.s = const_cast<char *>(domain);
         kd_configd_change(conn, &m);
     }
@@ -119,10 +119,10 @@ TEST_F(configd_session_test, EstablishedSubscribesAndFetchesBothDomains)
     EXPECT_EQ(g_configstate, 1);
     auto f = sent_frames();
     ASSERT_EQ(f.size(), 3u);
-    EXPECT_EQ(f[0].id, KD_CONFIGD_SUBSCRIBE);
+    EXPECT_EQ(f[0].id, RPC_CONFIGD_SUBSCRIBE);
     EXPECT_EQ(f[0].tag, 0u);
     EXPECT_EQ(f[0].list, (std::vector<std::string>{"rss", "podcast"}));
-    EXPECT_EQ(f[1].id, KD_CONFIGD_GET_CONFIG);
+    EXPECT_EQ(f[1].id, RPC_CONFIGD_GET_CONFIG);
     EXPECT_EQ(f[1].tag, 1u);
     EXPECT_EQ(f[1].s, "rss");
     EXPECT_EQ(f[2].tag, 2u);
@@ -264,7 +264,7 @@ TEST_F(configd_session_test, ChangeIndicationFetchesTheDomainAgain)
     indicate("podcast");
     auto f = sent_frames();
     ASSERT_EQ(f.size(), 2u);
-    EXPECT_EQ(f[0].id, KD_CONFIGD_GET_CONFIG);
+    EXPECT_EQ(f[0].id, RPC_CONFIGD_GET_CONFIG);
     EXPECT_EQ(f[0].tag, 1u);
     EXPECT_EQ(f[0].s, "rss");
     EXPECT_EQ(f[1].tag, 2u);
@@ -296,7 +296,7 @@ TEST_F(configd_session_test, SavesWaitWhileAChangedDocumentIsPending)
     kd_save_config(g_rssdomain);
     auto f = sent_frames();
     ASSERT_EQ(f.size(), 1u);
-    EXPECT_EQ(f[0].id, KD_CONFIGD_SAVE_CONFIG);
+    EXPECT_EQ(f[0].id, RPC_CONFIGD_SAVE_CONFIG);
     EXPECT_EQ(f[0].tag, 0u);
     EXPECT_EQ(f[0].s, "rss");
     EXPECT_EQ(f[0].xml, render(g_rssdomain));

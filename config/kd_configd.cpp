@@ -1,4 +1,4 @@
-// kd_session: the one connection to configd. Subscribes to both domains,
+// kd_configd: the session with configd, the one connection to it. Subscribes to both domains,
 // fetches their documents (again on every change indication), hands them to
 // the merge, sends changed documents back, and tears the configuration down
 // when the connection closes.
@@ -6,6 +6,7 @@
 #include <cstring>
 #include <sys/un.h>
 #include "config/kd_config.h"
+#include "config/kd_config_state.h"
 #include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
@@ -14,16 +15,19 @@
 #include "platform/timeout.h"
 #include "util/kd_log.h"
 
-int32_t g_configstate = -1;
+int32_t g_configstate = KD_CONFIG_NONE;
 uint32_t g_receiveddomains;
 static rpc_conn *g_configconn;
 
+int32_t kd_config_state(void) { return g_configstate; }
+uint32_t kd_config_received(void) { return g_receiveddomains; }
+
 static const rpc_callback g_configd_callbacks[] = {
-    {1, kd_configd_closed},
-    {2, kd_configd_established},
-    {0x10, kd_configd_error},
-    {KD_CONFIGD_GET_CONFIG, kd_configd_data},
-    {KD_CONFIGD_CHANGE_IND, kd_configd_change},
+    {RPC_EV_CLOSED, kd_configd_closed},
+    {RPC_EV_ESTABLISHED, kd_configd_established},
+    {RPC_EV_ERROR, kd_configd_error},
+    {RPC_CONFIGD_GET_CONFIG, kd_configd_data},
+    {RPC_CONFIGD_CHANGE_IND, kd_configd_change},
     {0, nullptr},
 };
 
@@ -31,13 +35,13 @@ rpc_conn *kd_config_init(void)
 {
     KD_LOG(3, LOG_INFO, "connecting to configd ...");
     if (rpc_addiface(&g_ConfigD_IfaceInfo, g_ConfigD_ParamsList, 0, 0) < 0) {
-        g_configstate = -1;
+        g_configstate = KD_CONFIG_NONE;
         return nullptr;
     }
     sockaddr_un addr;
     csock_sockaddr_set_unix(&addr, KD_CONFIGD_SOCKET);
     rpc_conn *conn = rpc_connect(&addr, &g_ConfigD_IfaceInfo, g_configd_callbacks);
-    g_configstate = conn ? 0 : -1;
+    g_configstate = conn ? KD_CONFIG_CONNECTING : KD_CONFIG_NONE;
     return conn;
 }
 
@@ -45,10 +49,10 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *)
 {
     static const char *const domains[] = {KD_DOMAIN_RSS, KD_DOMAIN_PODCAST, nullptr};
     KD_LOG(3, LOG_INFO, "configd connection established");
-    rpc_send_req(conn, KD_CONFIGD_SUBSCRIBE, 0, domains);
-    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, KD_HANDLE_RSS, KD_DOMAIN_RSS);
-    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, KD_HANDLE_PODCAST, KD_DOMAIN_PODCAST);
-    g_configstate = 1;
+    rpc_send_req(conn, RPC_CONFIGD_SUBSCRIBE, 0, domains);
+    rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_RSS, KD_DOMAIN_RSS);
+    rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_PODCAST, KD_DOMAIN_PODCAST);
+    g_configstate = KD_CONFIG_REQUESTED;
     g_configconn = conn;
 }
 
@@ -73,12 +77,12 @@ void kd_configd_data(rpc_conn *, rpc_msg *msg)
         KD_LOG(1, LOG_ERR, "configd refused config request (handle=%u): %s", msg->tag,
                msg->error ? msg->error : "");
     else if (msg->tag == KD_HANDLE_RSS)
-        adopt(&g_rssdomain, &g_rssproflist, msg, 1);
+        adopt(&g_rssdomain, &g_rssproflist, msg, KD_RECEIVED_RSS);
     else if (msg->tag == KD_HANDLE_PODCAST)
-        adopt(&g_poddomain, &g_podproflist, msg, 2);
+        adopt(&g_poddomain, &g_podproflist, msg, KD_RECEIVED_PODCAST);
     else
         KD_LOG(1, LOG_ERR, "received config for unknown handle %u - ignored", msg->tag);
-    g_configstate = 2;
+    g_configstate = KD_CONFIG_RECEIVED;
 }
 
 void kd_configd_change(rpc_conn *conn, rpc_msg *msg)
@@ -90,14 +94,14 @@ void kd_configd_change(rpc_conn *conn, rpc_msg *msg)
         tag = KD_HANDLE_RSS;
     else if (!strcmp(name, KD_DOMAIN_PODCAST))
         tag = KD_HANDLE_PODCAST;
-    rpc_send_req(conn, KD_CONFIGD_GET_CONFIG, tag, name);
-    g_configstate = 1;
+    rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, tag, name);
+    g_configstate = KD_CONFIG_REQUESTED;
 }
 
 void kd_configd_error(rpc_conn *conn, rpc_msg *msg)
 {
     KD_LOG(1, LOG_CRIT, "configd error %d", int(msg->code & 0xff));
-    g_configstate = 3;
+    g_configstate = KD_CONFIG_CLOSING;
     rpc_close(conn);
 }
 
@@ -144,7 +148,7 @@ static void free_domain(mxml_node_t **slot)
 void kd_configd_closed(rpc_conn *, rpc_msg *)
 {
     KD_LOG(3, LOG_INFO, "configd connection closed");
-    g_configstate = -1;
+    g_configstate = KD_CONFIG_NONE;
     g_configconn = nullptr;
     free_profiles(&g_rssproflist);
     free_profiles(&g_podproflist);
@@ -155,7 +159,7 @@ void kd_configd_closed(rpc_conn *, rpc_msg *)
 void kd_config_close(rpc_conn *conn)
 {
     KD_LOG(3, LOG_INFO, "disconnecting from configd ...");
-    g_configstate = 3;
+    g_configstate = KD_CONFIG_CLOSING;
     rpc_close(conn);
 }
 
@@ -171,7 +175,7 @@ void kd_save_config(mxml_node_t *root)
         return;
     }
     // Outside state 2 the change stays in memory until the next save.
-    if (g_configstate != 2)
+    if (g_configstate != KD_CONFIG_RECEIVED)
         return;
     if (verbosity >= 4) {
         char *text = mxmlSaveAllocString(root, MXML_NO_CALLBACK);
@@ -179,5 +183,5 @@ void kd_save_config(mxml_node_t *root)
             KD_LOG(4, LOG_DEBUG, "%s", text);
         free(text);
     }
-    rpc_send_req(g_configconn, KD_CONFIGD_SAVE_CONFIG, 0, name, root);
+    rpc_send_req(g_configconn, RPC_CONFIGD_SAVE_CONFIG, 0, name, root);
 }
