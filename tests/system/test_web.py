@@ -12,6 +12,7 @@ import tempfile
 
 import pytest
 from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException
+from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import WebDriverWait
@@ -295,6 +296,24 @@ def test_read_an_item_and_a_second_browser_sees_it_read(ns, web, stub, browser):
     audio = wait(b, lambda d: d.find_elements(By.CSS_SELECTOR, "#enclosure audio"))
     assert audio[0].get_attribute("src") == "http://127.0.0.1:1/ep12.mp3"
     wait(b, lambda d: is_read(d, 18) and unread_count(d, 4) == "1")
+
+
+def test_keyboard_alone_reads_an_item(ns, web, stub, browser):
+    news_stub(stub)
+    b = browser
+    open_profile(b, web)
+    keys = ActionChains(b)
+    keys.send_keys("j").perform()  # straight after Open: the keys go to the lists
+    wait(b, lambda d: "cursor" in feed_row(d, 4).get_attribute("class"))
+    keys.send_keys("j").send_keys("k").send_keys(Keys.ENTER).perform()
+    wait(b, lambda d: d.find_element(By.ID, "feed-title").text == "Gateway news")
+    keys.send_keys("j").send_keys("j").send_keys("j").send_keys(Keys.ENTER).perform()
+    wait(b, lambda d: d.find_element(By.ID, "body").text == "Short outage.")
+    wait(b, lambda d: is_read(d, 19))
+    keys.send_keys("k").perform()  # in the reader, k opens the previous item
+    wait(b, lambda d: d.find_element(By.ID, "body").text == "Music and talk.")
+    keys.send_keys(Keys.ESCAPE).send_keys(Keys.ESCAPE).perform()
+    wait(b, lambda d: d.find_element(By.ID, "panes").get_attribute("data-view") == "feeds")
 
 
 def test_hostile_feed_texts_are_shown_inert(ns, web, stub, browser):

@@ -57,6 +57,7 @@
       body: JSON.stringify(obj),
       cache: 'no-store',
       credentials: 'same-origin',
+      keepalive: true, // a logout sent while the page goes away still arrives
     }).then((r) => r.json().catch(() => ({})).then((body) => ({ ok: r.ok, body })));
   }
 
@@ -371,7 +372,8 @@
   function onKey(e) {
     const t = e.target;
     if (e.ctrlKey || e.metaKey || e.altKey) return;
-    if (t && (t.tagName === 'INPUT' || t.tagName === 'SELECT' || t.tagName === 'TEXTAREA' || t.tagName === 'BUTTON')) return;
+    if (t && (t.tagName === 'INPUT' || t.tagName === 'SELECT' || t.tagName === 'TEXTAREA')) return;
+    if (t && t.tagName === 'BUTTON' && e.key === 'Enter') return;
     if (e.key === 'j') move(1);
     else if (e.key === 'k') move(-1);
     else if (e.key === 'Enter') enter();
@@ -396,6 +398,8 @@
         return;
       }
       openSession($('domain').value, profile);
+      // The keys are for the lists from now on, not for the form.
+      if (document.activeElement) document.activeElement.blur();
     });
     $('back-feeds').addEventListener('click', () => { showView('feeds'); renderFeeds(); });
     $('back-items').addEventListener('click', () => { showView('items'); renderItems(); });
