@@ -1,6 +1,10 @@
 // configd: the reference configuration daemon. Keeps one XML document per
 // domain in its state directory and serves them over the configd RPC on
-// "/var/rpc/configd": subscriptions, fetches, saves and change indications.
+// "/var/rpc/configd": subscriptions, fetches, saves (plain and conditional
+// on the document's generation) and change indications.
+// Ownership: each connection's record lives by value in g_clients from the
+// established event to the closed one (no user data on the connection);
+// trees are held by kd_mxml_tree, descriptors by kd_unique_fd (store.cpp).
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -11,6 +15,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <vector>
+#include "configd/cfgproto.h"
 #include "configd/store.h"
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
@@ -19,41 +24,42 @@
 #include "platform/timeout.h"
 #include "util/kd_mxml.h"
 
-// Domains a connection subscribed to, as one "|name|name|" text.
-struct subscriber {
+// One client connection and the domains it subscribed to, as one
+// "|name|name|" text.
+struct client_rec {
+    rpc_conn *conn;
     std::string domains;
 };
 
 static std::string g_statedir = KD_CONFIGD_STATEDIR;
 static volatile sig_atomic_t g_stop;
-static std::vector<rpc_conn *> g_conns;   // every client connection
+static std::vector<client_rec> g_clients;
+static rpc_ifaceinfo g_iface = {"configd", 1, nullptr};
 
 static void on_signal(int)
 {
     g_stop = 1;
 }
 
-static subscriber *subs_of(rpc_conn *c)
+// The record of a connection; made here should a request come before the
+// established event.
+static client_rec &client_of(rpc_conn *c)
 {
-    auto *s = static_cast<subscriber *>(rpc_get_userdata(c));
-    if (!s) {
-        s = new subscriber;
-        rpc_set_userdata(c, s);
-    }
-    return s;
+    for (client_rec &r : g_clients)
+        if (r.conn == c)
+            return r;
+    return g_clients.emplace_back(client_rec{c, ""});
 }
 
 static void on_established(rpc_conn *c, rpc_msg *)
 {
-    g_conns.push_back(c);
+    client_of(c);
     syslog(LOG_DEBUG, "client connected");
 }
 
 static void on_closed(rpc_conn *c, rpc_msg *)
 {
-    g_conns.erase(std::remove(g_conns.begin(), g_conns.end(), c), g_conns.end());
-    delete static_cast<subscriber *>(rpc_get_userdata(c));
-    rpc_set_userdata(c, nullptr);
+    std::erase_if(g_clients, [c](const client_rec &r) { return r.conn == c; });
     syslog(LOG_DEBUG, "client disconnected");
 }
 
@@ -64,44 +70,77 @@ static void on_error(rpc_conn *, rpc_msg *m)
 
 static void on_subscribe(rpc_conn *c, rpc_msg *m)
 {
-    subscriber *s = subs_of(c);
+    client_rec &s = client_of(c);
     for (uint32_t i = 0; i < m->nlist; i++) {
         if (!cfg_valid_domain(m->list[i])) {
             rpc_send_error(c, m->id, m->tag, "invalid domain name");
             continue;
         }
-        s->domains += std::string("|") + m->list[i] + "|";
+        s.domains += std::string("|") + m->list[i] + "|";
         syslog(LOG_INFO, "client subscribed to domain '%s'", m->list[i]);
     }
 }
 
-static void on_get(rpc_conn *c, rpc_msg *m)
+// The document of a domain, or null after an error reply to the request.
+static mxml_node_t *load_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
 {
-    if (!cfg_valid_domain(m->s)) {
+    if (!cfg_valid_domain(domain)) {
         rpc_send_error(c, m->id, m->tag, "invalid domain name");
-        return;
+        return nullptr;
     }
     std::string why;
-    kd_mxml_tree doc(cfg_load(g_statedir, m->s, &why));
+    mxml_node_t *doc = cfg_load(g_statedir, domain, &why);
     if (!doc) {
-        syslog(LOG_ERR, "domain '%s': %s", m->s, why.c_str());
+        syslog(LOG_ERR, "domain '%s': %s", domain, why.c_str());
         rpc_send_error(c, m->id, m->tag, why.c_str());
-        return;
     }
-    if (rpc_send_reply(c, m->id, m->tag, doc.get()) < 0)
+    return doc;
+}
+
+static void on_get(rpc_conn *c, rpc_msg *m)
+{
+    kd_mxml_tree doc(load_or_refuse(c, m, m->s));
+    if (doc && rpc_send_reply(c, m->id, m->tag, doc.get()) < 0)
+        rpc_send_error(c, m->id, m->tag, "document too large to send");
+}
+
+static void on_get_generation(rpc_conn *c, rpc_msg *m)
+{
+    kd_mxml_tree doc(load_or_refuse(c, m, m->s));
+    if (!doc)
+        return;
+    std::string gen = cfg_generation_of(doc.get());
+    if (gen.empty() || rpc_send_reply(c, m->id, m->tag, gen.c_str(), doc.get()) < 0)
         rpc_send_error(c, m->id, m->tag, "document too large to send");
 }
 
 static void indicate_change(rpc_conn *saver, const char *domain)
 {
     std::string key = std::string("|") + domain + "|";
-    for (rpc_conn *c : g_conns) {
-        if (c == saver)
-            continue;
-        auto *s = static_cast<subscriber *>(rpc_get_userdata(c));
-        if (s && s->domains.find(key) != std::string::npos)
-            rpc_send_ind(c, RPC_CONFIGD_CHANGE_IND, domain);
+    for (const client_rec &r : g_clients)
+        if (r.conn != saver && r.domains.find(key) != std::string::npos)
+            rpc_send_ind(r.conn, RPC_CONFIGD_CHANGE_IND, domain);
+}
+
+// Checks and stores a document; false after an error reply.
+static bool store_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
+{
+    std::string why = cfg_check_document(m->x);
+    if (!why.empty()) {
+        syslog(LOG_NOTICE, "refused document for domain '%s': %s", domain, why.c_str());
+        rpc_send_error(c, m->id, m->tag, why.c_str());
+        return false;
     }
+    if (!cfg_store(g_statedir, domain, m->x, &why)) {
+        syslog(LOG_ERR, "domain '%s': %s", domain, why.c_str());
+        rpc_send_error(c, m->id, m->tag, why.c_str());
+        return false;
+    }
+    if (!why.empty())
+        syslog(LOG_WARNING, "domain '%s': %s", domain, why.c_str());
+    syslog(LOG_INFO, "domain '%s' saved", domain);
+    indicate_change(c, domain);
+    return true;
 }
 
 static void on_save(rpc_conn *c, rpc_msg *m)
@@ -110,21 +149,30 @@ static void on_save(rpc_conn *c, rpc_msg *m)
         rpc_send_error(c, m->id, m->tag, "invalid domain name");
         return;
     }
-    std::string why = cfg_check_document(m->x);
-    if (!why.empty()) {
-        syslog(LOG_NOTICE, "refused document for domain '%s': %s", m->s, why.c_str());
+    store_or_refuse(c, m, m->s);
+}
+
+// "DOMAIN GENERATION": the save goes through only while the stored document
+// is still the one the client read, so concurrent editors lose no update.
+static void on_save_if(rpc_conn *c, rpc_msg *m)
+{
+    std::string arg = m->s;
+    size_t sp = arg.find(' ');
+    std::string domain = arg.substr(0, sp);
+    std::string based = sp == std::string::npos ? "" : arg.substr(sp + 1);
+    kd_mxml_tree cur(load_or_refuse(c, m, domain.c_str()));
+    if (!cur)
+        return;
+    std::string now = cfg_generation_of(cur.get());
+    if (based != now) {
+        std::string why = std::string(CFG_CONFLICT) + "domain '" + domain + "' changed since generation " +
+                          (based.empty() ? "(none)" : based) + " was read (now " + now + ")";
+        syslog(LOG_NOTICE, "refused document for domain '%s': %s", domain.c_str(), why.c_str());
         rpc_send_error(c, m->id, m->tag, why.c_str());
         return;
     }
-    if (!cfg_store(g_statedir, m->s, m->x, &why)) {
-        syslog(LOG_ERR, "domain '%s': %s", m->s, why.c_str());
-        rpc_send_error(c, m->id, m->tag, why.c_str());
-        return;
-    }
-    if (!why.empty())
-        syslog(LOG_WARNING, "domain '%s': %s", m->s, why.c_str());
-    syslog(LOG_INFO, "domain '%s' saved", m->s);
-    indicate_change(c, m->s);
+    if (store_or_refuse(c, m, domain.c_str()))
+        rpc_send_reply(c, m->id, m->tag, cfg_generation_of(m->x).c_str());
 }
 
 static const rpc_callback g_callbacks[] = {
@@ -134,6 +182,8 @@ static const rpc_callback g_callbacks[] = {
     {RPC_CONFIGD_SUBSCRIBE, on_subscribe},
     {RPC_CONFIGD_GET_CONFIG, on_get},
     {RPC_CONFIGD_SAVE_CONFIG, on_save},
+    {CFG_GET_GENERATION, on_get_generation},
+    {CFG_SAVE_IF, on_save_if},
     {0, nullptr},
 };
 
@@ -196,8 +246,7 @@ static int serve()
         fprintf(stderr, "configd: cannot create directories: %s\n", strerror(errno));
         return 1;
     }
-    if (rpc_addiface(&g_ConfigD_IfaceInfo, g_ConfigD_ParamsList, 0, 0) < 0 ||
-        rpc_listen(KD_CONFIGD_SOCKET, &g_ConfigD_IfaceInfo, g_callbacks) < 0) {
+    if (rpc_addiface(&g_iface, g_cfg_messages, 0, 0) < 0 || rpc_listen(KD_CONFIGD_SOCKET, &g_iface, g_callbacks) < 0) {
         syslog(LOG_ERR, "cannot listen on %s: %s", KD_CONFIGD_SOCKET, strerror(errno));
         fprintf(stderr, "configd: cannot listen on %s: %s\n", KD_CONFIGD_SOCKET, strerror(errno));
         return 1;
@@ -220,10 +269,8 @@ int main(int argc, char **argv)
         return 1;
     }
     int rc = serve();
-    // Connections go without callbacks, so the subscriber records go here.
-    for (rpc_conn *c : g_conns)
-        delete static_cast<subscriber *>(rpc_get_userdata(c));
-    g_conns.clear();
+    // Connections go without callbacks, so their records go here.
+    g_clients.clear();
     rpc_shutdown();
     unlink(KD_CONFIGD_SOCKET);
     timeout_exit();

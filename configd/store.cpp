@@ -1,8 +1,13 @@
-// store: domain files of configd and document checks.
+// store: domain files of configd and document checks. Every descriptor is
+// held by a kd_unique_fd, so each early return closes it; rendered texts are
+// freed before the function that rendered them returns.
 #include "configd/store.h"
 #include "platform/fdio.h"
 #include "platform/rpc_wire.h"
+#include "util/kd_fd.h"
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -69,17 +74,16 @@ static mxml_node_t *empty_document()
 
 static bool read_file(const std::string &path, std::string *text, int *err)
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    kd_unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
         *err = errno;
         return false;
     }
     char buf[65536];
     ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
+    while ((n = read(fd.get(), buf, sizeof buf)) > 0)
         text->append(buf, size_t(n));
     *err = n < 0 ? errno : 0;
-    close(fd);
     return n == 0;
 }
 
@@ -101,11 +105,21 @@ mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *w
 
 static bool fsync_dir(const std::string &dir)
 {
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    bool ok = fsync(fd) == 0;
-    close(fd);
+    kd_unique_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd && fsync(fd.get()) == 0;
+}
+
+// Writes the whole text durably; the descriptor is closed here so that a
+// failing close (a delayed write error) still counts.
+static bool write_durably(const std::string &path, const char *text, int *err)
+{
+    kd_unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    bool ok = fd && fd_write_all(fd.get(), text, strlen(text)) && fsync(fd.get()) == 0;
+    *err = errno;
+    if (fd && close(fd.release()) < 0 && ok) {
+        ok = false;
+        *err = errno;
+    }
     return ok;
 }
 
@@ -117,14 +131,9 @@ bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, st
         return false;
     }
     std::string tmp = dir + "/." + domain + ".xml.tmp";
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    bool ok = fd >= 0 && fd_write_all(fd, text, strlen(text)) && fsync(fd) == 0;
-    int err = errno;
+    int err = 0;
+    bool ok = write_durably(tmp, text, &err);
     free(text);
-    if (fd >= 0 && close(fd) < 0 && ok) {
-        ok = false;
-        err = errno;
-    }
     // The rename is the one moment the new document replaces the old one.
     if (ok && rename(tmp.c_str(), path_of(dir, domain).c_str()) < 0) {
         ok = false;
@@ -138,4 +147,24 @@ bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, st
     if (!fsync_dir(dir))
         *why = std::string("stored, but the directory could not be synced: ") + strerror(errno);
     return true;
+}
+
+std::string cfg_generation(const char *text)
+{
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (const char *p = text; *p; p++)
+        h = (h ^ uint8_t(*p)) * 0x100000001b3ull;
+    char out[17];
+    snprintf(out, sizeof out, "%016" PRIx64, h);
+    return out;
+}
+
+std::string cfg_generation_of(mxml_node_t *root)
+{
+    char *text = mxmlSaveAllocString(root, MXML_NO_CALLBACK);
+    if (!text)
+        return "";
+    std::string g = cfg_generation(text);
+    free(text);
+    return g;
 }

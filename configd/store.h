@@ -1,5 +1,6 @@
 // store: configd's domain documents on disk (one file per domain in the
-// state directory) and the checks that every stored document passes.
+// state directory) and the checks that every stored document passes. Trees
+// returned are the caller's (for a kd_mxml_tree); no descriptor outlives a call.
 #pragma once
 #include <cstddef>
 #include <mxml.h>
@@ -23,3 +24,12 @@ mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *w
 // Stores a document atomically and durably (temporary file, fsync, rename,
 // fsync of the directory); false with the reason in *why.
 bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, std::string *why);
+
+// The generation of a document: 16 lowercase hex digits of the 64-bit FNV-1a
+// hash of its text as configd renders it. Equal texts have equal
+// generations, so a reader can tell whether the document changed since.
+std::string cfg_generation(const char *text);
+
+// The generation of a tree, rendered as a get sends it; empty when there is
+// no memory to render it.
+std::string cfg_generation_of(mxml_node_t *root);

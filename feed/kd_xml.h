@@ -1,7 +1,7 @@
 // kd_xml: turns a downloaded feed document (RSS 0.9x/1.0/2.0 or Atom) into a
 // temporary kd_node holding its items, and reports the feed's title. Owns the
-// document preparation (byte-order mark, XML declaration from the HTTP
-// charset), the SAX callback that builds one kd_item per "item"/"entry", the
+// document preparation (byte-order mark, legacy charsets converted to UTF-8,
+// XML declaration from the HTTP charset), the SAX callback that builds one kd_item per "item"/"entry", the
 // HTML-to-text stripping of titles and bodies, and publication-date parsing.
 #pragma once
 #include <cstddef>
@@ -32,7 +32,8 @@ struct kdx_parse_state {
 //   body:         in/out. *body is the NUL-terminated response body, slab
 //                 memory owned by the caller. It is modified in place (byte-order
 //                 mark removed, declaration inserted) and may be moved by
-//                 kd_realloc; *body always holds the current buffer afterwards,
+//                 kd_realloc, or replaced by its conversion to UTF-8 when it is
+//                 in a legacy charset; *body always holds the current buffer afterwards,
 //                 which the caller releases with kd_free, also when the result
 //                 is null.
 //   title:        out, may be null. Receives the feed title (caller releases it
@@ -43,6 +44,28 @@ struct kdx_parse_state {
 // XML error in a complete (200) document.
 kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, char **body,
                         char **title);
+
+// Longest charset name that is looked up; longer ones count as unknown.
+inline constexpr size_t kdx_charset_name_max = 40;
+
+// The charset a body was read in, as kdx_parse_feed_charset reports it.
+struct kdx_charset_info {
+    char name[kdx_charset_name_max + 4]; // the charset as named (control bytes as "?", a
+                                         // longer name cut with "..."); empty when the
+                                         // body was handed to Mini-XML as it came
+    bool transcoded; // the body was converted from `name` to UTF-8
+    bool unknown;    // `name` cannot be decoded; the body went to Mini-XML as it came
+    bool invalid;    // the conversion stopped at an invalid sequence at byte bad_at
+    bool cut;        // the converted body outgrew the download bound and was cut
+    size_t bad_at;
+};
+
+// kdx_parse_feed, also telling what charset the body was read in (info may
+// be null). A body cut because its conversion outgrew the download bound is
+// parsed as a truncated download; an invalid sequence in its charset is an XML
+// error at that point.
+kd_node *kdx_parse_feed_charset(int status, const char *url, const char *content_type,
+                                char **body, char **title, kdx_charset_info *info);
 
 // Mini-XML's error callback: logs "xml error: %s" (LOG_ERR, verbosity >= 1).
 void kdx_xml_error(const char *message);

@@ -1,9 +1,11 @@
 // kd_xml load: prepares a downloaded body for Mini-XML (byte-order mark
-// removed, an XML declaration carrying the HTTP charset put in front when the
-// document has none) and runs the SAX loader that builds the items.
+// removed, a legacy charset converted to UTF-8, an XML declaration carrying the
+// HTTP charset put in front when the document has none) and runs the SAX
+// loader that builds the items.
 #include <cstring>
 
 #include "feed/kd_xml.h"
+#include "feed/kd_xml_charset.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -12,6 +14,7 @@ namespace {
 constexpr char kDeclStart[] = "<?xml version=\"1.0";
 constexpr char kDeclEncoding[] = "\" encoding=\"";
 constexpr char kDeclEnd[] = "\" ?>";
+constexpr int kTruncated = 2; // the HTTP client's code for a body cut at its bound
 
 // The HTTP/1.1 separators, which end a charset value.
 bool is_separator(unsigned char c)
@@ -32,12 +35,13 @@ size_t charset_length(const char *v)
     return n;
 }
 
-// Builds the declaration for content_type (null counts as no charset).
-char *build_declaration(const char *content_type)
+// Builds the declaration for content_type (null counts as no charset); a body
+// converted to UTF-8 gets that as its encoding instead.
+char *build_declaration(const char *content_type, bool utf8)
 {
     const char *cs = content_type ? strstr(content_type, "charset=") : nullptr;
-    const char *value = cs ? cs + 8 : nullptr;
-    size_t vlen = value ? charset_length(value) : 0;
+    const char *value = utf8 ? "UTF-8" : cs ? cs + 8 : nullptr;
+    size_t vlen = utf8 ? 5 : value ? charset_length(value) : 0;
     size_t len = sizeof(kDeclStart) - 1 + sizeof(kDeclEnd) - 1;
     if (value)
         len += sizeof(kDeclEncoding) - 1 + vlen;
@@ -85,9 +89,9 @@ bool enlarge_body(char **body, size_t blen, size_t room, size_t pad)
 }
 
 // Puts the declaration in front of *body, enlarging it once; false without memory.
-bool insert_declaration(const char *content_type, char **body, size_t pad)
+bool insert_declaration(const char *content_type, bool utf8, char **body, size_t pad)
 {
-    char *decl = build_declaration(content_type);
+    char *decl = build_declaration(content_type, utf8);
     if (!decl) {
         KD_LOG(1, LOG_CRIT, "local memory exhausted (XML declaration)");
         return false;
@@ -105,12 +109,14 @@ bool insert_declaration(const char *content_type, char **body, size_t pad)
 }
 
 // Readies *body for the loader; false when memory ran out.
-bool prepare_body(const char *content_type, char **body)
+bool prepare_body(const char *content_type, char **body, kdx_charset_info *info)
 {
     remove_bom(*body);
+    if (!kdx_decode_body(content_type, body, info))
+        return false;
     size_t pad = padding_for(*body);
     if (strncmp(*body, "<?xml", 5) != 0)
-        return insert_declaration(content_type, body, pad);
+        return insert_declaration(content_type, info->transcoded, body, pad);
     return !pad || enlarge_body(body, strlen(*body), 0, pad);
 }
 
@@ -134,6 +140,16 @@ void kdx_xml_error(const char *message)
 kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, char **body,
                         char **title)
 {
+    return kdx_parse_feed_charset(status, url, content_type, body, title, nullptr);
+}
+
+kd_node *kdx_parse_feed_charset(int status, const char *url, const char *content_type,
+                                char **body, char **title, kdx_charset_info *info)
+{
+    kdx_charset_info own;
+    if (!info)
+        info = &own;
+    *info = {};
     mxmlSetErrorCallback(kdx_xml_error);
     auto *feed = static_cast<kd_node *>(kd_calloc(1, sizeof(kd_node)));
     if (!feed) {
@@ -141,16 +157,19 @@ kd_node *kdx_parse_feed(int status, const char *url, const char *content_type, c
         return nullptr;
     }
     kdx_parse_state st = {url, feed, nullptr, 0, nullptr};
-    if (!prepare_body(content_type, body)) {
+    if (!prepare_body(content_type, body, info)) {
         kdn_free_feed(feed);
         return nullptr;
     }
+    if (info->cut)
+        status = kTruncated; // cut at the bound like any download that outgrew it
     mxml_node_t *tree = mxmlSAXLoadString(nullptr, *body, MXML_OPAQUE_CALLBACK,
                                           kdx_new_node_from_rss, &st);
     hand_over_title(st.title, title);
-    if (tree) {
+    if (tree)
         mxmlDelete(tree); // every needed text has been copied into the items
-    } else if (status == 200) {
+    // The conversion ends at an invalid sequence, which is an XML error there.
+    if ((!tree || info->invalid) && status == 200) {
         kdn_free_feed(feed);
         return nullptr;
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "http/tls.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -14,22 +15,27 @@ namespace {
 bool is_redirect(int code) { return code >= 300 && code <= 399 && code != 304; }
 
 // "host[:port]path" of a site-relative location, the port only when it is
-// not 80; null when there is no memory for it.
+// not the scheme's default; null when there is no memory for it. An https
+// URL keeps its scheme in front, as a target without one is fetched as http.
 char *site_target(const http_uri *uri, const char *loc)
 {
-    bool port = uri->port != 80;
-    int n = port ? snprintf(nullptr, 0, "%s:%d%s", uri->host, uri->port, loc)
-                 : snprintf(nullptr, 0, "%s%s", uri->host, loc);
+    bool tls = http_is_tls_scheme(uri->scheme);
+    const char *scheme = tls ? uri->scheme : "";
+    const char *sep = tls ? "://" : "";
+    bool port = uri->port != http_default_port(uri->scheme);
+    int n = port ? snprintf(nullptr, 0, "%s%s%s:%d%s", scheme, sep, uri->host, uri->port, loc)
+                 : snprintf(nullptr, 0, "%s%s%s%s", scheme, sep, uri->host, loc);
     auto *text = static_cast<char *>(kd_malloc(static_cast<size_t>(n) + 1));
     if (text && port)
-        snprintf(text, static_cast<size_t>(n) + 1, "%s:%d%s", uri->host, uri->port, loc);
+        snprintf(text, static_cast<size_t>(n) + 1, "%s%s%s:%d%s", scheme, sep, uri->host, uri->port, loc);
     else if (text)
-        snprintf(text, static_cast<size_t>(n) + 1, "%s%s", uri->host, loc);
+        snprintf(text, static_cast<size_t>(n) + 1, "%s%s%s%s", scheme, sep, uri->host, loc);
     return text;
 }
 
-// A site-relative location becomes "host[:port]/path" of the current URL;
-// it stays as it was when the URL cannot be parsed.
+// A site-relative location becomes "host[:port]/path" of the current URL
+// ("https://host[:port]/path" for https); it stays as it was when the URL
+// cannot be parsed.
 void absolutize(httpcli_ctx *ctx, const char *url, http_result *res)
 {
     auto *uri = static_cast<http_uri *>(kd_calloc(1, sizeof(http_uri)));

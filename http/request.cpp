@@ -1,6 +1,7 @@
 // httpcli exchange: resolving and connecting without blocking, sending the
 // request and receiving the response, every wait bounded by the context's
-// time-out and the response bounded in size.
+// time-out and the response bounded in size. An https URL runs the same
+// exchange through a TLS session (http/tls.h) on the same socket.
 #include "http/httpcli.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "http/tls.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -26,6 +28,7 @@ struct exchange {
     http_uri *uri = nullptr;
     httpcli_buffer *req = nullptr;
     int fd = -1;
+    http_tls *tls = nullptr; // https only; ends before its socket is closed
 
     explicit exchange(httpcli_ctx *c) : ctx(c) {}
     exchange(const exchange &) = delete;
@@ -35,6 +38,7 @@ struct exchange {
         if (req)
             kd_free(req->start);
         kd_free(req);
+        http_tls_close(tls);
         if (fd >= 0)
             close(fd);
         if (uri)
@@ -42,26 +46,6 @@ struct exchange {
         kd_free(uri);
     }
 };
-
-// Waits until fd is readable or writable; false on time-out, failure (a
-// signal too: the exchange ends with what has arrived), or when the socket is
-// not the one reported.
-bool wait_for(const httpcli_ctx *ctx, int fd, bool writable)
-{
-    if (fd >= FD_SETSIZE) // select cannot watch it without overrunning the set
-        return false;
-    // A negative, NaN or absurd time-out would make the conversion undefined.
-    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(t);
-    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    int n = writable ? select(fd + 1, nullptr, &set, nullptr, &tv)
-                     : select(fd + 1, &set, nullptr, nullptr, &tv);
-    return n > 0 && FD_ISSET(fd, &set);
-}
 
 // Resolves the target (the proxy when one is set) and starts a non-blocking
 // connect; the socket, or -1.
@@ -95,7 +79,7 @@ bool send_request(const httpcli_ctx *ctx, int fd, const httpcli_buffer *req)
     while (sent < req->len) {
         int err = 0;
         socklen_t errlen = sizeof err;
-        if (!wait_for(ctx, fd, true) || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) != 0 || err)
+        if (!http_wait(ctx, fd, true) || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) != 0 || err)
             return false;
         // MSG_NOSIGNAL: a peer that resets the connection must not kill the daemon.
         ssize_t n = send(fd, req->start + sent, req->len - sent, MSG_NOSIGNAL);
@@ -121,19 +105,33 @@ int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
                 return HTTPCLI_TRUNCATED;
             if (n == 0)
                 return 0;
-        } else if (errno != EAGAIN || !wait_for(ctx, fd, false)) {
+        } else if (errno != EAGAIN || !http_wait(ctx, fd, false)) {
             return 0; // also EINTR: the caller gets what arrived before the signal
         }
     }
 }
 
+// The same over TLS, where the session hands out the application data.
+int receive_tls(httpcli_ctx *ctx, http_tls *t, httpcli_buffer *resp)
+{
+    char block[recv_block];
+    for (size_t n; (n = http_tls_recv(ctx, t, block, sizeof block)) > 0;) {
+        buffadd(ctx, resp, block, static_cast<uint32_t>(n));
+        if (!resp->start)
+            return HTTPCLI_NO_MEMORY;
+        if (resp->len > HTTPCLI_MAX_RESPONSE)
+            return HTTPCLI_TRUNCATED;
+    }
+    return 0;
+}
+
 // Reception and parsing: the status, or one of the client's codes.
-int take_response(httpcli_ctx *ctx, int fd, httpcli_buffer *resp, http_result *res)
+int take_response(httpcli_ctx *ctx, const exchange &x, httpcli_buffer *resp, http_result *res)
 {
     httpcli_buffer *own = nullptr; // parsed, then freed so that nothing leaks
     if (!resp && !(resp = own = static_cast<httpcli_buffer *>(kd_calloc(1, sizeof(httpcli_buffer)))))
         return HTTPCLI_NO_CONNECTION;
-    int rc = receive(ctx, fd, resp);
+    int rc = x.tls ? receive_tls(ctx, x.tls, resp) : receive(ctx, x.fd, resp);
     int code = HTTPCLI_NO_CONNECTION;
     if (rc == HTTPCLI_NO_MEMORY) {
         code = rc;
@@ -150,7 +148,38 @@ int take_response(httpcli_ctx *ctx, int fd, httpcli_buffer *resp, http_result *r
     return code;
 }
 
+// Handshake, the same request text, and reception through the session.
+int tls_exchange(httpcli_ctx *ctx, exchange *x, httpcli_buffer *resp, http_result *res)
+{
+    int rc = http_tls_open(ctx, x->fd, x->uri, &x->tls);
+    if (rc)
+        return rc;
+    if (!http_tls_send(ctx, x->tls, x->req->start, x->req->len))
+        return HTTPCLI_NO_CONNECTION;
+    return take_response(ctx, *x, resp, res);
+}
+
 } // namespace
+
+// Waits until fd is readable or writable; false on time-out, failure (a
+// signal too: the exchange ends with what has arrived), or when the socket is
+// not the one reported.
+bool http_wait(const httpcli_ctx *ctx, int fd, bool writable)
+{
+    if (fd >= FD_SETSIZE) // select cannot watch it without overrunning the set
+        return false;
+    // A negative, NaN or absurd time-out would make the conversion undefined.
+    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(t);
+    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    int n = writable ? select(fd + 1, nullptr, &set, nullptr, &tv)
+                     : select(fd + 1, &set, nullptr, nullptr, &tv);
+    return n > 0 && FD_ISSET(fd, &set);
+}
 
 int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_result *res)
 {
@@ -172,7 +201,9 @@ int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_r
     build_request(ctx, x.uri, x.req);
     if (!x.req->start)
         return HTTPCLI_NO_MEMORY;
+    if (http_tls_wanted(ctx, x.uri))
+        return tls_exchange(ctx, &x, resp, res);
     if (!send_request(ctx, x.fd, x.req))
         return HTTPCLI_NO_CONNECTION;
-    return take_response(ctx, x.fd, resp, res);
+    return take_response(ctx, x, resp, res);
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "http/tls.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -27,11 +28,11 @@ int32_t parse_port(std::string_view s)
 
 bool proxy_in_use(const httpcli_ctx *ctx) { return ctx->proxy && *ctx->proxy; }
 
-// "host" or "host:port" when the port is not the default one.
+// "host" or "host:port" when the port is not the scheme's default one.
 void add_authority(httpcli_ctx *ctx, const http_uri *uri, httpcli_buffer *b)
 {
     buffadd_str(ctx, b, uri->host);
-    if (uri->port != 80) {
+    if (uri->port != http_default_port(uri->scheme)) {
         buffadd_str(ctx, b, ":");
         buffadd_int(ctx, b, uri->port);
     }
@@ -67,7 +68,8 @@ void http_parse_uri(httpcli_ctx *ctx, const char *text, http_uri *uri)
     std::string_view hostpart = rest.substr(0, slash);
     uri->path = slash == std::string_view::npos ? kd_strdup("/") : copy(rest.substr(slash));
     size_t colon = hostpart.find(':');
-    uri->port = colon == std::string_view::npos ? 80 : parse_port(hostpart.substr(colon + 1));
+    uri->port = colon == std::string_view::npos ? http_default_port(uri->scheme)
+                                                : parse_port(hostpart.substr(colon + 1));
     uri->host = copy(hostpart.substr(0, colon));
 }
 

@@ -1,19 +1,134 @@
-// kd_interweb: placeholder refresh of one feed entry; it counts and logs the
-// poll so that the timers can be watched before the fetch exists.
+// kd_interweb: the refresh of one feed entry. Fetches the entry's URL, keeps
+// the outcome in the record's lasterror and lastpoll, parses the document,
+// adopts the feed title as the entry's name while the name is still empty or
+// the URL, and hands the items to the merge. A failed poll never touches the
+// items the record already holds. Neither checks the internet nor re-arms
+// its timer: both belong to the poll timers.
 #include "refresh/kd_interweb.h"
 
+#include <cstring>
+#include <ctime>
 #include <mxml.h>
 
+#include "client/kd_notify.h"
+#include "config/kd_config.h"
 #include "feed/kd_node.h"
+#include "feed/kd_xml.h"
+#include "http/httpcli.h"
+#include "platform/charset.h"
+#include "platform/slab.h"
+#include "refresh/kd_itemmerge.h"
 #include "util/kd_log.h"
 
-uint32_t g_refresh_count;
+int (*kd_refresh_fetch)(httpcli_ctx *, const char *, httpcli_buffer *, http_result *) = httpcli_get;
+
+namespace {
+
+// Codes of a poll that did not get as far as the items.
+constexpr int32_t KD_FEED_XML_ERROR = 4;
+constexpr int32_t KD_FEED_NO_ITEMS = 5;
+
+// Each wait of a poll is bounded so that one dead server stalls the daemon
+// for seconds, not minutes.
+constexpr float kPollTimeout = 3.0f;
+
+httpcli_ctx poll_context()
+{
+    int32_t v = static_cast<int32_t>(verbosity);
+    return httpcli_ctx{nullptr, 0, v >= 2 ? v - 1 : v, kPollTimeout};
+}
+
+// The fetch ended without a document worth parsing: one line saying why.
+void log_fetch_failure(int code, const char *url)
+{
+    if (code == HTTPCLI_NO_CONNECTION)
+        KD_LOG(1, LOG_ERR, "no connection to server [%s]", url);
+    else if (code == HTTPCLI_NO_MEMORY)
+        KD_LOG(1, LOG_ERR, "local memory exhausted");
+    else if (code == 404)
+        KD_LOG(1, LOG_ERR, "document not found - URL changed? [%s]", url);
+    else
+        KD_LOG(1, LOG_ERR, "got HTTP error %d [%s]", code, url);
+}
+
+// A user-given name (present, not empty, not the URL) wins over the title.
+bool has_own_name(mxml_node_t *entry, const char *url)
+{
+    const char *name = mxmlElementGetAttr(entry, "name");
+    return name && *name && strcmp(name, url) != 0;
+}
+
+// The feed title becomes the entry's name in configd and in the clients' lists.
+void adopt_title(mxml_node_t *entry, const char *url, char *title)
+{
+    if (has_own_name(entry, url))
+        return;
+    KD_LOG(2, LOG_NOTICE, "setting feed title to '%s'", title);
+    char *utf8 = ConvertStringFromISO8859_1ToUTF8_WithAlloc(title);
+    if (utf8 && *utf8) {
+        mxmlElementSetAttr(entry, "name", utf8);
+        kd_save_config(kd_get_domain_from_node(entry));
+        kd_entry_updated(entry);
+    } else {
+        KD_LOG(1, LOG_ERR, "error converting string to UTF-8");
+    }
+    kd_free(utf8);
+}
+
+// Parses the fetched document and merges its items into the record.
+void take_document(kd_node *feed, int code, const char *url, http_result *res, char **body)
+{
+    char *title = nullptr;
+    kd_node *parsed = *body ? kdx_parse_feed(code, url, res->content_type, body, &title) : nullptr;
+    if (title)
+        adopt_title(feed->entry, url, title);
+    kd_free(title);
+    if (!parsed) {
+        feed->lasterror = KD_FEED_XML_ERROR;
+        KD_LOG(1, LOG_ERR, "error parsing xml - try to validate the feed");
+        return;
+    }
+    if (!parsed->children) {
+        feed->lasterror = KD_FEED_NO_ITEMS;
+        KD_LOG(1, LOG_ERR, "no items found - try to check URL by hand");
+    } else {
+        merge_feed(feed->entry, parsed);
+    }
+    kdn_free_feed(parsed);
+}
+
+void release(http_result *res, httpcli_buffer *resp)
+{
+    kd_free(res->location);
+    kd_free(res->content_type);
+    kd_free(res->content_encoding);
+    kd_free(resp->start);
+}
+
+} // namespace
 
 void kd_refresh_entry(void *param, int)
 {
     KD_ASSERT(param!=((void *)0));
     auto *feed = static_cast<kd_node *>(param);
-    g_refresh_count++;
     const char *url = feed->entry ? mxmlElementGetAttr(feed->entry, "url") : nullptr;
-    KD_LOG(4, LOG_DEBUG, "[kddbg] refresh of %s", url ? url : "");
+    if (!url) {
+        const char *id = feed->entry ? mxmlElementGetAttr(feed->entry, "id") : nullptr;
+        KD_LOG(2, LOG_INFO, "missing 'url' in entry '%s'", id ? id : "");
+        return;
+    }
+    httpcli_ctx ctx = poll_context();
+    httpcli_buffer resp{};
+    http_result res{};
+    int code = kd_refresh_fetch(&ctx, url, &resp, &res);
+    feed->lastpoll = static_cast<int32_t>(time(nullptr));
+    if (code != 200)
+        feed->lasterror = code;
+    if (code != 200 && code != HTTPCLI_TRUNCATED) {
+        log_fetch_failure(code, url);
+    } else {
+        KD_LOG(3, LOG_NOTICE, "HTTP OK [%s]%s", url, code == HTTPCLI_TRUNCATED ? " [truncated]" : "");
+        take_document(feed, code, url, &res, &resp.start);
+    }
+    release(&res, &resp);
 }

@@ -2,9 +2,10 @@
 # Installs the Debian packages that building, testing and the demo need.
 # Idempotent: does nothing when everything is already there.
 set -euo pipefail
-pkgs=(cmake ninja-build g++ pkg-config libmxml-dev
+pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev
       python3 python3-pytest iproute2 util-linux curl nginx-light
+      openssl ca-certificates
       libmicrohttpd-dev chromium chromium-driver python3-selenium)
 missing=()
 for p in "${pkgs[@]}"; do

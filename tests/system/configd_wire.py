@@ -6,10 +6,12 @@ import threading
 
 REQUEST, REPLY, INDICATION, ERROR_REPLY = 1, 2, 3, 4
 SUBSCRIBE, GET_CONFIG, SAVE_CONFIG, CHANGE_IND = 0x10000001, 0x10000002, 0x10000003, 0x20000000
+# configd's own: a fetch with the document's generation, a conditional save.
+GET_GENERATION, SAVE_IF = 0x10000100, 0x10000101
 
 # Argument and reply formats of the messages used here.
 FORMATS = {SUBSCRIBE: ("A{s}", None), GET_CONFIG: ("s", "x"), SAVE_CONFIG: ("sx", None),
-           CHANGE_IND: ("s", "v")}
+           CHANGE_IND: ("s", "v"), GET_GENERATION: ("s", "sx"), SAVE_IF: ("sx", "s")}
 
 
 def text(b):

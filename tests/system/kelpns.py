@@ -187,8 +187,20 @@ class Namespace:
         verb = "replace" if on else "del"
         self.run(["ip", "route", verb, "default", "dev", "lo"], check=on)
 
+    def serve_https(self, handler, context, host="127.0.0.1", port=0):
+        """A scripted server behind TLS (context: a server ssl.SSLContext)."""
+        srv = HttpServer(self.listen_tcp(host, port), handler, tls=context)
+        self._servers.append(srv)
+        return srv
+
     def start_nginx(self, root_dir, port=80, host="127.0.0.1"):
-        d = os.path.join(self.tmp, "nginx-%s-%d" % (host, port))
+        server = "server { listen %s:%d; server_name _; root %s; }" % (host, port, root_dir)
+        return self.start_nginx_servers("nginx-%s-%d" % (host, port), server, [(host, port)])
+
+    def start_nginx_servers(self, name, servers, listens):
+        """nginx with the given server blocks (configuration text); returns
+        once every (host, port) of listens accepts connections."""
+        d = os.path.join(self.tmp, name)
         os.makedirs(os.path.join(d, "tmp"), exist_ok=True)
         conf = os.path.join(d, "nginx.conf")
         temps = "".join("%s_temp_path %s/tmp/%s;\n" % (k, d, k)
@@ -205,11 +217,12 @@ http {
   types { application/rss+xml rss; application/atom+xml atom; text/xml xml;
           audio/mpeg mp3; image/png png; image/jpeg jpg; text/html html; text/plain txt; }
   default_type application/octet-stream;
-  server { listen %(host)s:%(port)d; server_name _; root %(root)s; }
+  %(servers)s
 }
-""" % dict(d=d, temps=temps, host=host, port=port, root=root_dir))
+""" % dict(d=d, temps=temps, servers=servers))
         p = self.spawn(["nginx", "-p", d, "-c", conf, "-e", d + "/error.log", "-g", "daemon off;"])
-        self._wait_until(lambda: self._tcp_open(host, port), 15, "nginx on %s:%d" % (host, port), p)
+        for host, port in listens:
+            self._wait_until(lambda: self._tcp_open(host, port), 15, "nginx on %s:%d" % (host, port), p)
         return p
 
     def _tcp_open(self, host, port):

@@ -186,13 +186,16 @@ class ExitEvents:
 
 
 class HttpServer:
-    """A scripted HTTP server: handler(raw_request_bytes, conn) answers."""
+    """A scripted HTTP server: handler(raw_request_bytes, conn) answers.
+    With tls, conn is the TLS socket; closing it sends no close_notify, so a
+    response simply ends with the connection, as many servers do."""
 
-    def __init__(self, sock, handler):
+    def __init__(self, sock, handler, tls=None):
         self.sock = sock
         self.port = sock.getsockname()[1]
         self.requests = []
         self._handler = handler
+        self._tls = tls  # a server ssl.SSLContext: every connection starts with a handshake
         self._stop = False
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
@@ -209,8 +212,14 @@ class HttpServer:
             threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
+        conn.settimeout(10)
+        if self._tls:
+            try:
+                conn = self._tls.wrap_socket(conn, server_side=True)
+            except OSError:  # the client gave up on the handshake
+                conn.close()
+                return
         with conn:
-            conn.settimeout(10)
             data = b""
             try:
                 while b"\r\n\r\n" not in data:

@@ -4,14 +4,12 @@ import os
 import re
 import shutil
 
+from feed_files import big_feed, corpus, own
+
+OWN_FILES = ["rss091.xml", "rss092.xml", "rss10.xml", "rss20.xml", "atom.xml", "podcast.xml"]
 CORPUS_FILES = ["FeedReader__Rss091FullSample.xml", "FeedReader__AtomAdobe.xml",
                 "FeedReader__Rss20CTVNews.xml"]
-BIG = "feedjira__CRE.xml"  # larger than the HTTP client's response bound
-
-
-def corpus(name):
-    source = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(__file__), "..", ".."))
-    return os.path.join(source, "..", "shared", "corpus", "feeds", name)
+BIG = "big.xml"  # larger than the HTTP client's response bound
 
 
 def feedcheck(ns, *args):
@@ -39,23 +37,31 @@ def titles(out):
     return re.findall(r"^  title: (.*)$", out, re.M)
 
 
+def parses_with_items(ns, source):
+    path = put(ns, os.path.basename(source), open(source, "rb").read())
+    rc, out, err = feedcheck(ns, path)
+    assert rc == 0, (source, out, err)
+    assert out.startswith("result: 200\ncontent-type: (none)\n"), out
+    n = len(titles(out))
+    assert n > 0 and verdict(out) == ("%d item%s" % (n, "" if n == 1 else "s")), out
+
+
+def test_own_files_parse_with_items(ns):
+    for name in OWN_FILES:
+        parses_with_items(ns, own(name))
+
+
 def test_corpus_files_parse_with_items(ns):
     for name in CORPUS_FILES:
-        path = put(ns, name, open(corpus(name), "rb").read())
-        rc, out, err = feedcheck(ns, path)
-        assert rc == 0, (name, out, err)
-        assert out.startswith("result: 200\ncontent-type: (none)\n"), out
-        n = len(titles(out))
-        assert n > 0 and verdict(out) == ("%d item%s" % (n, "" if n == 1 else "s")), out
+        parses_with_items(ns, corpus(name))
 
 
-def test_rss091_sample_as_kelpd_holds_it(ns):
-    name = "FeedReader__Rss091FullSample.xml"
-    rc, out, _ = feedcheck(ns, put(ns, name, open(corpus(name), "rb").read()))
+def test_rss091_as_kelpd_holds_it(ns):
+    rc, out, _ = feedcheck(ns, put(ns, "rss091.xml", open(own("rss091.xml"), "rb").read()))
     assert rc == 0
-    assert "feed title: Scripting News\n" in out
-    assert titles(out) == ["stuff"]
-    assert "  body: 35 bytes: This is an article about some stuff\n" in out
+    assert "feed title: Harbour Notes\n" in out
+    assert titles(out) == ["Tide tables"]
+    assert "  body: 36 bytes: The tide tables for\\nthe week are out\n" in out
     assert verdict(out) == "1 item"
 
 
@@ -116,6 +122,41 @@ def test_xml_errors_logged_with_verbosity(ns):
     assert rc == 1 and "xml error" not in err
 
 
+def charset_fixture(name):
+    source = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(__file__), "..", ".."))
+    with open(os.path.join(source, "tests", "data", "charsets", name), "rb") as f:
+        return f.read()
+
+
+def item_lines(out):
+    """Every item line but the dates (items without pubDate get the time of parsing)."""
+    return [l for l in out.splitlines() if l.startswith("  ") and not l.startswith("  date:")]
+
+
+def test_legacy_charset_is_read_as_the_same_feed_in_utf8(ns):
+    for name in ["ISO-8859-15", "KOI8-R", "Shift_JIS"]:
+        rc, out, _ = feedcheck(ns, put(ns, name + ".xml", charset_fixture(name + ".xml")))
+        assert rc == 0, out
+        assert out.startswith("result: 200\ncontent-type: (none)\ncharset: %s (transcoded)\nfeed title: " % name), out
+        rc, twin, _ = feedcheck(ns, put(ns, name + ".utf8.xml", charset_fixture(name + ".utf8.xml")))
+        assert "charset:" not in twin  # UTF-8 is read as it came
+        assert item_lines(out) == item_lines(twin)
+        assert verdict(out) == verdict(twin) == "3 items"
+
+
+def test_unknown_charset_is_named_and_refused(ns):
+    path = put(ns, "latin1.xml", b"<rss><channel><item><title>caf\xe9</title></item></channel></rss>")
+    rc, out, err = feedcheck(ns, "-v", path, "text/xml; charset=x-nope")
+    assert rc == 1
+    assert "charset: x-nope (unknown, not decoded)\n" in out
+    assert verdict(out) == "error parsing xml - try to validate the feed"
+    assert 'xml error: unknown charset "x-nope"' in err
+    rc, out, _ = feedcheck(ns, path)  # no charset named: windows-1252
+    assert rc == 0
+    assert "charset: windows-1252 (transcoded)\n" in out
+    assert titles(out) == ["caf\u00c3\u00a9"]  # UTF-8 bytes, as from a UTF-8 feed
+
+
 def test_usage_errors(ns):
     assert feedcheck(ns)[0] == 2
     rc, _, err = feedcheck(ns, "/no/such/file.xml")
@@ -128,8 +169,9 @@ def test_usage_errors(ns):
 def serve(ns, tmp_path):
     root = tmp_path / "www"
     os.makedirs(root)
-    for name in CORPUS_FILES + [BIG]:
-        shutil.copy(corpus(name), root / name)
+    for name in OWN_FILES:
+        shutil.copy(own(name), root / name)
+    (root / BIG).write_bytes(big_feed())
     (root / "feed.xml").write_bytes(FEED)
     os.chmod(tmp_path, 0o755)
     for d, _, files in os.walk(root):
@@ -142,7 +184,7 @@ def serve(ns, tmp_path):
 
 def test_url_mode_matches_file_mode(ns, tmp_path):
     root = serve(ns, tmp_path)
-    for name in CORPUS_FILES:
+    for name in OWN_FILES:
         rc, out, err = feedcheck(ns, "http://feeds.test/" + name)
         assert rc == 0, (name, out, err)
         assert out.startswith("result: 200\ncontent-type: text/xml\n"), out

@@ -1,7 +1,11 @@
 """kelp-httpget against scripted servers on loopback: the exact request,
 chunked bodies, header folding, redirects, size bound and time-outs."""
+import os
 import re
 import time
+
+# Whether this build speaks TLS (CMake's KELP_TLS, passed by CTest).
+TLS_BUILT = os.environ.get("KELP_TLS", "ON").upper() in ("ON", "1", "TRUE", "YES")
 
 
 def httpget(ns, url, *opts, timeout=60):
@@ -48,6 +52,22 @@ def test_request_text_byte_for_byte_direct(ns):
     assert srv.requests == [want]
     assert err.encode("latin-1").startswith(want)
     assert "Content-Type: text/xml\n" in err
+
+
+def test_https_url_without_port(ns):
+    """Built without TLS, an https URL is fetched with plain HTTP on port 80;
+    with TLS the client opens a TLS session on port 443 instead."""
+    if TLS_BUILT:
+        srv = ns.serve_http(lambda req, conn: None, port=443)
+        rc, body, err = httpget(ns, "https://feeds.test/x", "--timeout", "0.5")
+        assert (rc, body, result_code(err)) == (1, b"", 1)
+        hello = srv.requests[0]
+        assert len(srv.requests) == 1 and hello[0] == 0x16 and hello[5] == 0x01  # a TLS ClientHello
+        return
+    srv = ns.serve_http(answer(OK + b"\r\nplain"), port=80)
+    rc, body, err = httpget(ns, "https://feeds.test/x")
+    assert (rc, body, result_code(err)) == (0, b"plain", 200)
+    assert srv.requests == [expected_request("/x", "feeds.test")]
 
 
 def test_request_text_byte_for_byte_through_proxy(ns):

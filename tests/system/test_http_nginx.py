@@ -1,26 +1,21 @@
-"""kelp-httpget against nginx serving real feed files: the body is byte for
-byte what curl receives for the same URL."""
+"""kelp-httpget against nginx serving feed files: the body is byte for byte
+what curl receives for the same URL."""
 import os
 import shutil
 
+from feed_files import big_feed, own
 from test_http import httpget, result_code
 
-FEEDS = ["FeedReader__AtomTheVerge.xml", "FeedReader__Rss091FullSample.xml",
-         "FeedReader__AtomAdobe.xml", "FeedReader__Rss092FullSample.xml",
-         "FeedReader__Rss20ISO88591Intranet30.xml"]
-BIG = "FeedReader__Rss20HubSpot.xml"  # larger than the response bound
-
-
-def corpus():
-    source = os.environ.get("KELP_SOURCE", os.path.join(os.path.dirname(__file__), "..", ".."))
-    return os.path.join(source, "..", "shared", "corpus", "feeds")
+FEEDS = ["atom.xml", "rss091.xml", "rss092.xml", "podcast.xml", "latin1.xml"]
+BIG = "big.xml"  # larger than the response bound
 
 
 def serve(ns, tmp_path, port=80):
     root = tmp_path / "www"
     os.makedirs(root / "dir")
-    for name in FEEDS + [BIG]:
-        shutil.copy(os.path.join(corpus(), name), root / name)
+    for name in FEEDS:
+        shutil.copy(own(name), root / name)
+    (root / BIG).write_bytes(big_feed())
     (root / "dir" / "index.html").write_bytes(b"<html>index</html>\n")
     (root / "blob.mp3").write_bytes(bytes(range(256)) * 300 + b"\0\r\n\n")
     os.chmod(tmp_path, 0o755)

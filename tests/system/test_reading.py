@@ -54,8 +54,11 @@ def start(ns, items=ITEMS, fresh=True):
             assert ns.configctl("set", domain, "-", input=DOC).returncode == 0
     else:
         ns.start_configd()
+    seen = ns.syslog.count("incoming config data (handle=2)")
     _, pid = ns.start_kelpd("-vvv")
     assert pid
+    # A login before both documents have arrived is refused.
+    ns.syslog.wait_count("incoming config data (handle=2)", seen + 1)
     return pid
 
 
@@ -89,7 +92,7 @@ def test_reading_marks_every_subscription_and_pushes_to_the_others(ns):
     first_overview(a2, 1)
     first_overview(b, 2)
     assert a.item("body", 1, 1) == ("OK\tbody\tdomain:rss\tprofile_id:1\tfeed_id:1\tuid:1"
-                                    "\tbody:See the tower.\timage:http://feeds.test/l.png\toffset:4")
+                                    "\tbody:See  the tower.\timage:http://feeds.test/l.png\toffset:4")
     assert first_overview(a2, 1).startswith(
         "overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:3\tnumber_new:2\tuid:0\tstate:2\tsubject:Kettle recall"
         "\tuid:1\tstate:5\t")
@@ -139,6 +142,6 @@ def test_api_two_sees_only_the_read_state(ns):
         "\tuid:0\tstate:2\tsubject:Kettle recall\tuid:1\tstate:4\tsubject:Lighthouse opens"
         "\tuid:2\tstate:0\tsubject:Market report")
     assert v2.item("body", 1, 1) == \
-        "OK\tbody\tdomain:rss\tprofile_id:1\tfeed_id:1\tuid:1\tbody:See the tower."
+        "OK\tbody\tdomain:rss\tprofile_id:1\tfeed_id:1\tuid:1\tbody:See  the tower."
     assert first_overview(v3, 2).startswith(
         "overview\tdomain:rss\tprofile_id:2\tfeed_id:1\tnumber:3\tnumber_new:2\tuid:0\tstate:2\t")

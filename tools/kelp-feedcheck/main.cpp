@@ -87,8 +87,9 @@ char *read_file(const char *path)
 bool parse_and_print(int code, const char *url, const char *content_type, char **body)
 {
     char *title = nullptr;
-    kd_node *feed = kdx_parse_feed(code, url, content_type, body, &title);
-    int n = print_feed(code, content_type, title, feed);
+    kdx_charset_info charset;
+    kd_node *feed = kdx_parse_feed_charset(code, url, content_type, body, &title, &charset);
+    int n = print_feed(code, content_type, &charset, title, feed);
     kd_free(title);
     kdn_free_feed(feed);
     return n > 0;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "feed/kd_xml.h"
+#include "http/httpcli.h"
 #include "tools/kelp-feedcheck/feedcheck.h"
 
 namespace {
@@ -68,12 +69,30 @@ void print_item(int n, const kd_item *i)
     print_attachments("image", i->images, true);
 }
 
+// What was done to the body's charset; nothing for a body read as it came.
+void print_charset(const kdx_charset_info *cs)
+{
+    if (!cs->name[0])
+        return;
+    printf("charset: %s", cs->name);
+    if (cs->unknown)
+        printf(" (unknown, not decoded)\n");
+    else if (cs->invalid)
+        printf(" (transcoded up to an invalid sequence at byte %zu)\n", cs->bad_at);
+    else if (cs->cut)
+        printf(" (transcoded, cut at %u bytes)\n", HTTPCLI_MAX_RESPONSE);
+    else
+        printf(" (transcoded)\n");
+}
+
 } // namespace
 
-int print_feed(int code, const char *content_type, const char *title, const kd_node *feed)
+int print_feed(int code, const char *content_type, const kdx_charset_info *charset, const char *title,
+               const kd_node *feed)
 {
     printf("result: %d%s\n", code, code == 2 ? " (truncated)" : "");
     printf("content-type: %s\n", content_type ? content_type : "(none)");
+    print_charset(charset);
     printf("feed title: %s\n", title ? one_line(title, kdx_copy_limit).c_str() : "(none)");
     if (!feed) {
         printf("verdict: error parsing xml - try to validate the feed\n");

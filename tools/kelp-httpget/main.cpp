@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "http/httpcli.h"
+#include "http/tls.h"
 #include "platform/fdio.h"
 #include "platform/slab.h"
 
@@ -19,12 +20,13 @@ struct options {
     int proxy_port = 0;
     float timeout = 2.0f;
     bool show_request = false;
+    bool show_tls = false;
     const char *url = nullptr;
 };
 
 int usage()
 {
-    fprintf(stderr, "usage: kelp-httpget [--proxy HOST:PORT] [--timeout SECONDS] [--show-request] URL\n");
+    fprintf(stderr, "usage: kelp-httpget [--proxy HOST:PORT] [--timeout SECONDS] [--show-request] [--show-tls] URL\n");
     return 2;
 }
 
@@ -66,6 +68,8 @@ bool parse_args(int argc, char **argv, options *o)
                 return false;
         } else if (a == "--show-request") {
             o->show_request = true;
+        } else if (a == "--show-tls") {
+            o->show_tls = true;
         } else if (a.starts_with("-") || o->url) {
             return false;
         } else {
@@ -90,6 +94,17 @@ void show_request(httpcli_ctx *ctx, const char *url)
     http_free_uri(ctx, &uri);
 }
 
+// One block per TLS handshake, in the order the redirects made them.
+void show_tls(const http_tls_report *r)
+{
+    fprintf(stderr, "tls-server: %s\n", r->server);
+    if (r->error) {
+        fprintf(stderr, "tls-error: %s\n", r->error);
+        return;
+    }
+    fprintf(stderr, "tls-version: %s\ntls-cipher: %s\ntls-subject: %s\n", r->version, r->cipher, r->subject);
+}
+
 void show_header(const char *name, const char *value)
 {
     if (value)
@@ -104,6 +119,12 @@ int main(int argc, char **argv)
     if (!parse_args(argc, argv, &o))
         return usage();
     httpcli_ctx ctx = {o.proxy.empty() ? nullptr : o.proxy.c_str(), o.proxy_port, 0, o.timeout};
+    if (o.show_tls && !KELP_TLS) {
+        fprintf(stderr, "kelp-httpget: --show-tls: built without TLS (KELP_TLS=OFF)\n");
+        return 2;
+    }
+    if (o.show_tls)
+        http_tls_observer = show_tls;
     if (o.show_request)
         show_request(&ctx, o.url);
     httpcli_buffer resp = {};

@@ -8,9 +8,11 @@
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
 #include "feed/kd_node.h"
+#include "http/httpcli.h"
 #include "platform/csock.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
 
 #include <gtest/gtest.h>
@@ -58,6 +60,20 @@ inline bool log_has_prio(const std::string &text, int prio)
 
 inline bool g_internet_up = true;
 inline int fake_internet(void) { return g_internet_up ? 1 : 0; }
+
+// The URL of every poll's fetch since the test began.
+inline std::vector<std::string> &fetched_urls()
+{
+    static std::vector<std::string> urls;
+    return urls;
+}
+
+// Polls in unit tests reach no network: each fetch is noted and finds no server.
+inline int unreachable_fetch(httpcli_ctx *, const char *url, httpcli_buffer *, http_result *)
+{
+    fetched_urls().push_back(url ? url : "");
+    return HTTPCLI_NO_CONNECTION;
+}
 
 inline void noop_timer(void *, int) {}
 
@@ -128,6 +144,8 @@ protected:
         verbosity = 4;
         g_internet_up = true;
         kd_internet_usable = fake_internet;
+        kd_refresh_fetch = unreachable_fetch;
+        fetched_urls().clear();
         g_configstate = 2;
         g_receiveddomains = 3;
         captured_log().clear();

@@ -3,7 +3,6 @@
 // timers on a clock that moves only when a test moves it.
 #pragma once
 #include "tests/unit/client/session_fixture.h"
-#include "refresh/kd_interweb.h"
 
 #include <string>
 

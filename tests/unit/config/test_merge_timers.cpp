@@ -20,23 +20,23 @@ using timers_test = merge_test;
 TEST_F(timers_test, StartedPollRefreshesAtOnceAndThenEveryInterval)
 {
     merge_rss(kBase);
-    uint32_t runs = g_refresh_count;
+    size_t runs = fetched_urls().size();
     login("rss", 1);
     kd_node *n = feed_of(g_rssdomain, "1");
     int timer = n->timer;
     ASSERT_GT(timer, 0);
     EXPECT_EQ(n->poll, 1200);
     pump();
-    EXPECT_EQ(g_refresh_count, runs + 1); // the immediate first refresh
+    EXPECT_EQ(fetched_urls().size(), runs + 1); // the immediate first refresh
     advance(1199);
     pump();
-    EXPECT_EQ(g_refresh_count, runs + 1);
+    EXPECT_EQ(fetched_urls().size(), runs + 1);
     advance(1);
     pump();
-    EXPECT_EQ(g_refresh_count, runs + 2);
+    EXPECT_EQ(fetched_urls().size(), runs + 2);
     advance(1200);
     pump();
-    EXPECT_EQ(g_refresh_count, runs + 3);
+    EXPECT_EQ(fetched_urls().size(), runs + 3);
     EXPECT_EQ(n->timer, timer); // the stored timer is the repeating one
 }
 
@@ -64,7 +64,7 @@ TEST_F(timers_test, RunningPollInUseAndOnlineKeepsItsPhase)
 {
     kd_node *n = polled_feed();
     int timer = n->timer;
-    uint32_t runs = g_refresh_count;
+    size_t runs = fetched_urls().size();
     advance(600);
     kd_refresh_timers();
     merge_rss(kBase);
@@ -73,7 +73,7 @@ TEST_F(timers_test, RunningPollInUseAndOnlineKeepsItsPhase)
     EXPECT_FALSE(log_has("stop poll on: http://feeds.test/a"));
     EXPECT_EQ(timeout_next_ms(), 600000);
     pump();
-    EXPECT_EQ(g_refresh_count, runs); // no second immediate refresh
+    EXPECT_EQ(fetched_urls().size(), runs); // no second immediate refresh
 }
 
 TEST_F(timers_test, InternetLossStopsPollsAndItsReturnRestartsThemAtOnce)
@@ -83,16 +83,16 @@ TEST_F(timers_test, InternetLossStopsPollsAndItsReturnRestartsThemAtOnce)
     kd_refresh_timers();
     EXPECT_EQ(n->timer, 0);
     EXPECT_EQ(n->poll, 0);
-    uint32_t runs = g_refresh_count;
+    size_t runs = fetched_urls().size();
     advance(5000);
     pump();
-    EXPECT_EQ(g_refresh_count, runs);
+    EXPECT_EQ(fetched_urls().size(), runs);
     g_internet_up = true;
     kd_refresh_timers();
     EXPECT_EQ(log_count("start 1200s poll on: http://feeds.test/a"), 2u);
     EXPECT_GT(n->timer, 0);
     pump();
-    EXPECT_EQ(g_refresh_count, runs + 1);
+    EXPECT_EQ(fetched_urls().size(), runs + 1);
 }
 
 TEST_F(timers_test, PollChangeOfAnUnpolledFeedWaitsForItsStart)
@@ -112,22 +112,22 @@ TEST_F(timers_test, QueuedUrlChangeRefreshOfAFreedRecordIsDropped)
     merge_rss(kBase);
     login("rss", 1);
     pump();
-    uint32_t runs = g_refresh_count;
+    size_t runs = fetched_urls().size();
     merge_rss(moved); // queues the refresh of the new address
     merge_rss(doc_with(entry("1", "http://other.test/a"), profile("1", ""))); // frees the record
     EXPECT_EQ(feed_of(g_rssdomain, "1"), nullptr);
     pump();
-    EXPECT_EQ(g_refresh_count, runs);
+    EXPECT_EQ(fetched_urls().size(), runs);
 }
 
 TEST_F(timers_test, QueuedRefreshIsDroppedWhenConfigdGoesAway)
 {
     merge_rss(doc_with(entry("1", kUrlA), profile("1", item("1"))));
     login("rss", 1); // queues the immediate first refresh
-    uint32_t runs = g_refresh_count;
+    size_t runs = fetched_urls().size();
     kd_configd_closed(nullptr, nullptr);
     pump();
-    EXPECT_EQ(g_refresh_count, runs);
+    EXPECT_EQ(fetched_urls().size(), runs);
 }
 
 TEST_F(timers_test, UnlinkRemovesTheFirstEqualConnectionAndKeepsTheOrder)

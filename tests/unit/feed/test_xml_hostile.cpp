@@ -136,13 +136,22 @@ TEST_F(Hostile, NulByteEndsTheDocument)
 TEST_F(Hostile, InvalidUtf8)
 {
     std::string doc = rss("<item><title>ok</title></item><item><title>caf\xE9 \xC3\x28 \xFF\xFE</title></item>");
-    p_ = parse_doc(doc, 200, "http://h/", "text/xml; charset=ISO-8859-1");
+    p_ = parse_doc(doc, 200, "http://h/", "text/xml; charset=UTF-8");
     EXPECT_EQ(p_.feed, nullptr); // Mini-XML reads UTF-8 only
     p_.release();
-    p_ = parse_doc(doc, 2, "http://h/", "text/xml; charset=ISO-8859-1");
+    p_ = parse_doc(doc, 2, "http://h/", "text/xml; charset=UTF-8");
     ASSERT_NE(p_.feed, nullptr);
     ASSERT_EQ(p_.items().size(), 1u);
     EXPECT_STREQ(p_.items()[0]->title, "ok");
+}
+
+TEST_F(Hostile, InvalidUtf8InLatin1IsRead)
+{
+    std::string doc = rss("<item><title>ok</title></item><item><title>caf\xE9 \xC3\x28 \xFF\xFE</title></item>");
+    p_ = parse_doc(doc, 200, "http://h/", "text/xml; charset=ISO-8859-1");
+    ASSERT_NE(p_.feed, nullptr);
+    ASSERT_EQ(p_.items().size(), 2u);
+    EXPECT_STREQ(p_.items()[1]->title, "caf\xC3\xA9 \xC3\x83( \xC3\xBF\xC3\xBE");
 }
 
 TEST_F(Hostile, ValidUtf8StaysBytes)

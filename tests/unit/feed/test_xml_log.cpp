@@ -142,6 +142,52 @@ TEST_F(Log, TitleWithoutTextIsAWarningFromVerbosityTwo)
     EXPECT_TRUE(p_.items().empty());
 }
 
+TEST_F(Log, UnknownCharsetIsNamedBesideTheLoadersMessage)
+{
+    const std::string doc = "<?xml version=\"1.0\" encoding=\"X-NOPE\"?>" +
+                            rss("<item><title>caf\xE9</title></item>").substr(21);
+    EXPECT_TRUE(at(0, doc).empty());
+    auto l = at(1, doc);
+    EXPECT_EQ(count(l, "xml error: unknown charset \"X-NOPE\"", LOG_ERR), 1);
+    EXPECT_GE(count_prefix(l, "xml error: ", LOG_ERR), 2); // and the loader's own
+    EXPECT_EQ(p_.feed, nullptr);
+}
+
+TEST_F(Log, InvalidSequenceIsAnXmlErrorFromVerbosityOne)
+{
+    // 0x81 is undefined in windows-1252, the charset of undeclared non-UTF-8 bytes.
+    const std::string doc = "<rss><channel><item><title>caf\xE9</title></item><item><title>\x81</title></item></channel></rss>";
+    EXPECT_TRUE(at(0, doc).empty());
+    auto l = at(1, doc);
+    EXPECT_EQ(count(l, "xml error: invalid windows-1252 sequence at byte 59", LOG_ERR), 1);
+    EXPECT_EQ(p_.feed, nullptr);
+}
+
+TEST_F(Log, ConversionIsADebugLineFromVerbosityThree)
+{
+    const std::string doc = "<rss><channel><item><title>caf\xE9</title></item></channel></rss>";
+    EXPECT_EQ(count_prefix(at(2, doc), "[kddbg] body converted", LOG_DEBUG), 0);
+    auto l = at(3, doc);
+    EXPECT_EQ(count(l, "[kddbg] body converted from windows-1252 to UTF-8 (62 to 63 bytes)", LOG_DEBUG), 1);
+    ASSERT_EQ(p_.items().size(), 1u);
+    EXPECT_STREQ(p_.items()[0]->title, "caf\xC3\xA9");
+}
+
+TEST_F(Log, ConvertedBodyWithoutMemoryIsCriticalFromVerbosityOne)
+{
+    lines().clear();
+    verbosity = 1;
+    p_.body = slab_body("<rss><channel><item><title>caf\xE9</title></item></channel></rss>");
+    slab_fail_after(1); // the node is allocated first
+    p_.feed = kdx_parse_feed(200, "http://h/", "text/xml", &p_.body, &p_.title);
+    slab_fail_after(-1);
+    verbosity = 0;
+    EXPECT_EQ(p_.feed, nullptr);
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_EQ(lines()[0].text, "local memory exhausted (converting body)");
+    EXPECT_EQ(lines()[0].prio, LOG_CRIT);
+}
+
 struct memory_case {
     long fail_after;
     const char *message;

@@ -506,13 +506,34 @@ TEST_F(RedirTest, SiteRelativeTargetOnPort80HasNoPort)
                          {{"HTTP/1.1 200 OK\r\n\r\ndone"}}});
     ctx.proxy = "127.0.0.1";
     ctx.proxy_port = srv.port();
-    EXPECT_EQ(get("https://origin.invalid:80/a"), 200);
+    EXPECT_EQ(get(KELP_TLS ? "ftp://origin.invalid:80/a" : "https://origin.invalid:80/a"), 200);
     EXPECT_STREQ(stack, " origin.invalid/b origin.invalid/c");
     EXPECT_EQ(srv.requests(), (std::vector<std::string>{
-                                  expected_request("https://origin.invalid/a", "origin.invalid"),
+                                  expected_request(KELP_TLS ? "ftp://origin.invalid/a" : "https://origin.invalid/a",
+                                                   "origin.invalid"),
                                   expected_request("http://origin.invalid/b", "origin.invalid"),
                                   expected_request("http://origin.invalid/c", "origin.invalid")}));
 }
+
+#if KELP_TLS
+// The proxy fetches for us, so the chain needs no TLS server here.
+TEST_F(RedirTest, SiteRelativeTargetOfHttpsKeepsTheScheme)
+{
+    scripted_server srv({{{"HTTP/1.1 301 Moved\r\nLocation: /b\r\n\r\n"}},
+                         {{"HTTP/1.1 302 Found\r\nLocation: https://origin.invalid:8443/x\r\n\r\n"}},
+                         {{"HTTP/1.1 307 Temp\r\nLocation: /c\r\n\r\n"}},
+                         {{"HTTP/1.1 200 OK\r\n\r\ndone"}}});
+    ctx.proxy = "127.0.0.1";
+    ctx.proxy_port = srv.port();
+    EXPECT_EQ(get("https://origin.invalid/a"), 200);
+    EXPECT_STREQ(stack, " https://origin.invalid/b https://origin.invalid:8443/x https://origin.invalid:8443/c");
+    EXPECT_EQ(srv.requests(), (std::vector<std::string>{
+                                  expected_request("https://origin.invalid/a", "origin.invalid"),
+                                  expected_request("https://origin.invalid/b", "origin.invalid"),
+                                  expected_request("https://origin.invalid:8443/x", "origin.invalid:8443"),
+                                  expected_request("https://origin.invalid:8443/c", "origin.invalid:8443")}));
+}
+#endif
 
 TEST_F(RedirTest, EarlierTargetThatMerelyStartsWithTheLocationIsNoLoop)
 {

@@ -64,8 +64,8 @@ TEST_F(UriTest, PortDigitsStopAtNonDigit)
 
 TEST_F(UriTest, SchemeKeptVerbatimAndQueryInPath)
 {
-    http_parse_uri(&ctx, "HTTPS://Ex.Ample/a%20b?q=1#frag", &uri);
-    EXPECT_STREQ(uri.scheme, "HTTPS");
+    http_parse_uri(&ctx, "FTP://Ex.Ample/a%20b?q=1#frag", &uri);
+    EXPECT_STREQ(uri.scheme, "FTP");
     EXPECT_STREQ(uri.host, "Ex.Ample");
     EXPECT_EQ(uri.port, 80);
     EXPECT_STREQ(uri.path, "/a%20b?q=1#frag");
@@ -124,12 +124,40 @@ TEST_F(UriTest, HostHeaderCarriesNonDefaultPort)
               "\r\n");
 }
 
+#if KELP_TLS
+TEST_F(UriTest, HttpsSchemeDefaultsToPort443InAnyCase)
+{
+    http_parse_uri(&ctx, "https://secure.test/x", &uri);
+    EXPECT_EQ(uri.port, 443);
+    http_parse_uri(&ctx, "HTTPS://Secure.Test", &uri);
+    EXPECT_STREQ(uri.scheme, "HTTPS");
+    EXPECT_EQ(uri.port, 443);
+    http_parse_uri(&ctx, "https://secure.test:80/x", &uri);
+    EXPECT_EQ(uri.port, 80);
+}
+
+TEST_F(UriTest, HttpsRequestTextIsThatOfPlainHttp)
+{
+    std::string plain = request("http://secure.test/x?a=1");
+    EXPECT_EQ(request("https://secure.test/x?a=1"), plain);
+    EXPECT_EQ(request("https://secure.test:443/x?a=1"), plain);
+    EXPECT_EQ(request("https://secure.test:8443/x"), request("http://secure.test:8443/x"));
+    EXPECT_TRUE(request("https://secure.test:80/x").starts_with("GET /x HTTP/1.1\r\nHost: secure.test:80\r\n"));
+}
+
+TEST_F(UriTest, HttpsThroughProxyNamesPort443Nowhere)
+{
+    ctx.proxy = "proxy.test";
+    EXPECT_TRUE(request("https://feeds.test/a").starts_with("GET https://feeds.test/a HTTP/1.1\r\nHost: feeds.test\r\n"));
+}
+#else
 TEST_F(UriTest, HttpsSchemeIsFetchedPlainOnPort80)
 {
     http_parse_uri(&ctx, "https://secure.test/x", &uri);
     EXPECT_EQ(uri.port, 80);
     EXPECT_TRUE(request("https://secure.test/x").starts_with("GET /x HTTP/1.1\r\nHost: secure.test\r\n"));
 }
+#endif
 
 TEST_F(UriTest, ProxyUsesAbsoluteForm)
 {

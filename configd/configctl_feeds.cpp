@@ -1,0 +1,286 @@
+// configctl_feeds: the commands that list and edit a domain's feeds and
+// profiles (feeds, feed add/rm/set, subscribe, unsubscribe, profile
+// add/rm). Each edit is one read-modify-write through ctl_update; the tree
+// belongs to that loop, and every check happens before anything is changed.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+#include "configd/configctl.h"
+#include "configd/ctlrpc.h"
+#include "configd/docedit.h"
+#include "configd/store.h"
+
+bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *out)
+{
+    for (int i = 0; i < argc; i++) {
+        std::string a = argv[i];
+        if (a.rfind("--", 0) != 0) {
+            out->pos.push_back(argv[i]);
+            continue;
+        }
+        size_t eq = a.find('=');
+        std::string name = a.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+        bool ok = false;
+        for (const char *const *k = known; *k; k++)
+            ok |= name == *k;
+        if (!ok || (eq == std::string::npos && i + 1 >= argc))
+            return false;
+        out->opts.emplace_back(name, eq == std::string::npos ? argv[++i] : argv[i] + eq + 1);
+    }
+    return true;
+}
+
+const char *ctl_opt(const ctl_args &a, const char *name)
+{
+    const char *v = nullptr;
+    for (const auto &o : a.opts)
+        if (o.first == name)
+            v = o.second;
+    return v;
+}
+
+std::vector<const char *> ctl_opts(const ctl_args &a, const char *name)
+{
+    std::vector<const char *> v;
+    for (const auto &o : a.opts)
+        if (o.first == name)
+            v.push_back(o.second);
+    return v;
+}
+
+// Whether a terminal shows a code point in two columns (CJK, Hangul,
+// full-width forms, emoji).
+static bool wide(unsigned cp)
+{
+    static const unsigned ranges[][2] = {{0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3}, {0xf900, 0xfaff},
+                                         {0xfe30, 0xfe4f}, {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
+                                         {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd}};
+    for (const auto &r : ranges)
+        if (cp >= r[0] && cp <= r[1])
+            return true;
+    return false;
+}
+
+// Columns a terminal uses for UTF-8 text.
+static size_t width(const std::string &s)
+{
+    size_t n = 0;
+    for (size_t i = 0; i < s.size();) {
+        auto c = static_cast<unsigned char>(s[i]);
+        size_t len = c < 0x80 ? 1 : c < 0xe0 ? 2 : c < 0xf0 ? 3 : 4;
+        unsigned cp = len == 1 ? c : c & (0x7f >> len);
+        for (size_t k = 1; k < len && i + k < s.size(); k++)
+            cp = cp << 6 | (static_cast<unsigned char>(s[i + k]) & 0x3f);
+        n += wide(cp) ? 2 : 1;
+        i += len;
+    }
+    return n;
+}
+
+static void print_table(const std::vector<std::vector<std::string>> &rows)
+{
+    std::vector<size_t> w(rows[0].size(), 0);
+    for (const auto &r : rows)
+        for (size_t i = 0; i < r.size(); i++)
+            w[i] = std::max(w[i], width(r[i]));
+    for (const auto &r : rows) {
+        std::string line;
+        for (size_t i = 0; i < r.size(); i++)
+            line += r[i] + (i + 1 < r.size() ? std::string(w[i] - width(r[i]) + 2, ' ') : "");
+        puts(line.c_str());
+    }
+}
+
+static std::string attr(mxml_node_t *n, const char *name, const char *dflt = "")
+{
+    const char *v = mxmlElementGetAttr(n, name);
+    return v ? v : dflt;
+}
+
+int ctl_feeds(int argc, char **argv)
+{
+    if (argc != 1)
+        return ctl_usage(false);
+    if (!cfg_valid_domain(argv[0]))
+        return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", argv[0]);
+    std::string gen, why;
+    kd_mxml_tree doc(ctl_fetch(argv[0], &gen, &why));
+    if (!doc)
+        return ctl_fail("feeds %s: %s", argv[0], why.c_str());
+    std::vector<std::vector<std::string>> rows{{"ID", "NAME", "URL", "POLL", "PROFILES"}};
+    for (mxml_node_t *e : doc_children(doc_child(doc.get(), "pool"), "entry")) {
+        std::string id = attr(e, "id"), profiles;
+        for (const std::string &p : doc_subscribers(doc.get(), id.c_str()))
+            profiles += (profiles.empty() ? "" : ",") + p;
+        rows.push_back({id, attr(e, "name"), attr(e, "url"), attr(e, "poll", "-"), profiles.empty() ? "-" : profiles});
+    }
+    print_table(rows);
+    return 0;
+}
+
+// The checks shared by feed add and feed set; empty when all pass.
+static std::string check_feed_opts(const char *url, const char *name, const char *poll)
+{
+    std::string why = url ? doc_check_url(url) : "";
+    if (why.empty() && name)
+        why = doc_check_name(name);
+    if (why.empty() && poll)
+        why = doc_check_poll(poll);
+    return why;
+}
+
+static bool profiles_exist(mxml_node_t *doc, const std::vector<const char *> &ids, std::string *why)
+{
+    for (const char *p : ids)
+        if (!doc_profile(doc, p)) {
+            *why = std::string("no profile ") + p;
+            return false;
+        }
+    return true;
+}
+
+static bool url_free(mxml_node_t *doc, const char *url, mxml_node_t *self, std::string *why)
+{
+    mxml_node_t *e = doc_entry_by_url(doc, url);
+    if (e && e != self)
+        *why = "feed " + attr(e, "id") + " has that URL already";
+    return !e || e == self;
+}
+
+int ctl_feed_add(int argc, char **argv)
+{
+    static const char *const known[] = {"name", "poll", "profile", nullptr};
+    ctl_args a;
+    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() < 2)
+        return ctl_usage(false);
+    const char *url = a.pos[1], *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
+    std::vector<const char *> profiles = ctl_opts(a, "profile");
+    // "--profile 1 2 3" names three profiles.
+    if (a.pos.size() > 2 && profiles.empty())
+        return ctl_usage(false);
+    profiles.insert(profiles.end(), a.pos.begin() + 2, a.pos.end());
+    std::string why = check_feed_opts(url, name, poll);
+    if (!why.empty())
+        return ctl_fail("feed add %s: %s", a.pos[0], why.c_str());
+    return ctl_update("feed add", a.pos[0], [&](mxml_node_t *doc, std::string *out, std::string *err) {
+        if (!profiles_exist(doc, profiles, err) || !url_free(doc, url, nullptr, err))
+            return false;
+        std::string id = doc_next_id(doc);
+        // The daemon puts the feed's own title in place of a name that is
+        // still the URL.
+        doc_add_entry(doc, id.c_str(), url, name ? name : url, poll);
+        for (const char *p : profiles)
+            doc_subscribe(doc_profile(doc, p), id.c_str());
+        *out = "added feed " + id + "\n";
+        return true;
+    });
+}
+
+static bool find_entry(mxml_node_t *doc, const char *id, mxml_node_t **e, std::string *why)
+{
+    *e = doc_entry(doc, id);
+    if (!*e)
+        *why = std::string("no feed ") + id;
+    return *e != nullptr;
+}
+
+int ctl_feed_rm(int argc, char **argv)
+{
+    if (argc != 2)
+        return ctl_usage(false);
+    const char *id = argv[1];
+    return ctl_update("feed rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
+        mxml_node_t *e;
+        if (!find_entry(doc, id, &e, err))
+            return false;
+        doc_remove_entry(doc, e);
+        return true;
+    });
+}
+
+int ctl_feed_set(int argc, char **argv)
+{
+    static const char *const known[] = {"name", "url", "poll", nullptr};
+    ctl_args a;
+    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2 || a.opts.empty())
+        return ctl_usage(false);
+    const char *id = a.pos[1], *url = ctl_opt(a, "url"), *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
+    std::string why = check_feed_opts(url, name, poll);
+    if (!why.empty())
+        return ctl_fail("feed set %s: %s", a.pos[0], why.c_str());
+    return ctl_update("feed set", a.pos[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
+        mxml_node_t *e;
+        if (!find_entry(doc, id, &e, err) || (url && !url_free(doc, url, e, err)))
+            return false;
+        const char *names[] = {"url", "name", "poll"};
+        const char *values[] = {url, name, poll};
+        for (int i = 0; i < 3; i++)
+            if (values[i])
+                mxmlElementSetAttr(e, names[i], values[i]);
+        return true;
+    });
+}
+
+// subscribe and unsubscribe: every feed id must name a feed of the pool.
+static int change_subscriptions(const char *what, int argc, char **argv, bool (*change)(mxml_node_t *, const char *))
+{
+    if (argc < 3)
+        return ctl_usage(false);
+    const char *profile = argv[1];
+    std::vector<const char *> ids(argv + 2, argv + argc);
+    return ctl_update(what, argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
+        mxml_node_t *p = doc_profile(doc, profile), *e;
+        if (!p)
+            *err = std::string("no profile ") + profile;
+        for (const char *id : ids)
+            if (!p || !find_entry(doc, id, &e, err))
+                return false;
+        for (const char *id : ids)
+            change(p, id);
+        return true;
+    });
+}
+
+int ctl_subscribe(int argc, char **argv)
+{
+    return change_subscriptions("subscribe", argc, argv, doc_subscribe);
+}
+
+int ctl_unsubscribe(int argc, char **argv)
+{
+    return change_subscriptions("unsubscribe", argc, argv, doc_unsubscribe);
+}
+
+int ctl_profile_add(int argc, char **argv)
+{
+    if (argc != 2)
+        return ctl_usage(false);
+    const char *id = argv[1];
+    std::string why = doc_check_profile_id(id);
+    if (!why.empty())
+        return ctl_fail("profile add %s: %s", argv[0], why.c_str());
+    return ctl_update("profile add", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
+        if (doc_profile(doc, id)) {
+            *err = std::string("profile ") + id + " exists already";
+            return false;
+        }
+        doc_add_profile(doc, id);
+        return true;
+    });
+}
+
+int ctl_profile_rm(int argc, char **argv)
+{
+    if (argc != 2)
+        return ctl_usage(false);
+    const char *id = argv[1];
+    return ctl_update("profile rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
+        mxml_node_t *p = doc_profile(doc, id);
+        if (!p)
+            *err = std::string("no profile ") + id;
+        if (p)
+            doc_remove(p);
+        return p != nullptr;
+    });
+}
