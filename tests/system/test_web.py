@@ -5,6 +5,7 @@ page itself in headless Chromium against a stand-in kelpd and the real one.
 kelp-web runs in each test's mount namespace (it finds the control socket
 there) but listens on the host's loopback, so that one Chromium, started
 once for the file, can visit every test's kelp-web."""
+import os
 import re
 import shutil
 import socket
@@ -425,4 +426,58 @@ def test_real_kelpd_lists_the_feeds_and_reports_no_internet(ns, web, browser):
     assert names == ["News", "Caf\u00e9 Radio"]
     wait(b, lambda d: d.find_element(By.ID, "offline").is_displayed())
     ns.syslog.wait_for(re.compile(r"^instance with api-version 3 logging in for profile 1 in domain rss"))
+    keeper.close()
+
+
+FEED = ('<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><title>Kelp News</title>\n'
+        '<item><title>Firmware &lt;script&gt;window.pwned = 1&lt;/script&gt;</title><guid>a</guid>'
+        '<description>New firmware for your gateway.</description></item>\n'
+        '<item><title>Episode 12</title><guid>b</guid><description>Music and talk.</description>'
+        '<enclosure url="http://feeds.test/ep12.mp3" type="audio/mpeg" length="1" /></item>\n'
+        '</channel></rss>\n')
+POLLED = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.xml" poll="600" /></pool>\n'
+          '<profiles><profile id="1"><item entry="1" /></profile></profiles>\n')
+
+
+def test_real_kelpd_polls_and_a_read_reaches_the_second_browser(ns, web, browser):
+    root = os.path.join(ns.tmp, "www")
+    os.makedirs(root)
+    os.chmod(ns.tmp, 0o755)
+    with open(os.path.join(root, "a.xml"), "w") as f:
+        f.write(FEED)
+    os.chmod(root, 0o755)
+    ns.start_nginx(root)
+    ns.start_configd()
+    for domain in ("rss", "podcast"):
+        assert ns.configctl("set", domain, "-", input=POLLED).returncode == 0
+    _, pid = ns.start_kelpd("-vvv")
+    assert pid
+    ns.syslog.wait_for("incoming config data (handle=1)")
+    ns.syslog.wait_for("incoming config data (handle=2)")
+    keeper = ns.connect_unix(CTL)
+    b = browser
+    open_profile(b, web, feeds=1)
+    first = b.current_window_handle
+    # The first poll names the feed after its title and brings its items.
+    wait(b, lambda d: feed_row(d, 1).find_element(By.CLASS_NAME, "name").text == "Kelp News")
+    wait(b, lambda d: unread_count(d, 1) == "2")
+    b.switch_to.new_window("window")
+    open_profile(b, web, feeds=1)
+    feed_row(b, 1).click()
+    wait(b, lambda d: len(d.find_elements(By.CSS_SELECTOR, "#items li")) == 2)
+    b.switch_to.window(first)
+    feed_row(b, 1).click()
+    rows = wait(b, lambda d: d.find_elements(By.CSS_SELECTOR, "#items li"))
+    subject = rows[0].find_element(By.CLASS_NAME, "subject").text
+    assert "window.pwned" in subject
+    assert [m.text for m in rows[1].find_elements(By.CLASS_NAME, "mark")] == ["audio"]
+    rows[1].click()
+    audio = wait(b, lambda d: d.find_elements(By.CSS_SELECTOR, "#enclosure audio"))
+    assert audio[0].get_attribute("src") == "http://feeds.test/ep12.mp3"
+    wait(b, lambda d: "Music and talk." in d.find_element(By.ID, "body").text)
+    wait(b, lambda d: unread_count(d, 1) == "1")
+    b.switch_to.window(b.window_handles[1])
+    wait(b, lambda d: "read" in d.find_elements(By.CSS_SELECTOR, "#items li")[1].get_attribute("class").split())
+    assert unread_count(b, 1) == "1"
+    assert b.execute_script("return typeof window.pwned") == "undefined"
     keeper.close()
