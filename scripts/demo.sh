@@ -167,14 +167,21 @@ run_client() {
         [ -S "/proc/$HOLDER/root/var/tmp/me_kelpd_daemon.ctl" ] && break
         sleep 0.1
     done
-    inside "$BIN/kelpctl" -p 2 watch > "$WORK/watch.txt" 2>&1 &
+    # nsenter execs kelpctl, so $! is the watcher itself (a signal reaches it).
+    nsenter --target "$HOLDER" --mount --net -- "$BIN/kelpctl" -p 2 watch > "$WORK/watch.txt" 2>&1 &
     WATCH=$!
+    # The watcher prints its login answer first: from then on it holds the daemon.
+    for _ in $(seq 1 50); do
+        [ -s "$WORK/watch.txt" ] && break
+        sleep 0.1
+    done
     say "kelpctl accounts (rss, profile 1)"
     inside "$BIN/kelpctl" accounts || true
-    # The first poll of each feed runs right after the first login.
-    for _ in $(seq 1 50); do
-        inside "$BIN/kelpctl" overview 2 2>/dev/null | grep -q "items," && break
-        sleep 0.2
+    # The first poll of each feed runs right after the first login; the
+    # watcher sees the overview of the shared feed when it is done.
+    for _ in $(seq 1 100); do
+        grep -q "^overview domain=rss profile_id=2 feed_id=2 " "$WORK/watch.txt" && break
+        sleep 0.1
     done
     say "kelpctl overview (rss, profile 1): the items after the first poll"
     inside "$BIN/kelpctl" overview || true
@@ -185,7 +192,7 @@ run_client() {
     cat "$WORK/watch.txt"
     say "the read marks as configd stores them (configctl get rss)"
     inside "$BIN/configctl" get rss | grep '<item ' || true
-    kill -INT "$WATCH" 2>/dev/null || true
+    kill -TERM "$WATCH" 2>/dev/null || true
     wait "$WATCH" 2>/dev/null || true
 }
 

@@ -52,6 +52,9 @@ class Client:
     def login(self, domain="rss", profile=1, v=3):
         return self.request("login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile))
 
+    def logout(self, profile=1, domain="rss"):
+        return self.request("logout\tdomain:%s\tprofile_id:%d" % (domain, profile))
+
     def item(self, cmd, feed, uid, domain="rss", profile=1):
         return self.request("%s\tdomain:%s\tprofile_id:%d\tfeed_id:%d\tuid:%d" % (cmd, domain, profile, feed, uid))
 

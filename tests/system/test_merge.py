@@ -7,6 +7,7 @@ import re
 import signal
 
 import configd_wire as w
+from kelpd_client import Client
 from kelpd_helpers import start as start_kelpd
 
 CTL = "/var/tmp/me_kelpd_daemon.ctl"
@@ -58,29 +59,9 @@ def polling(ns, profile_id, url):
     """kelpd with a client logged in to the profile and the feed's poll started."""
     pid = start(ns)
     c = Client(ns)
-    assert c.login(profile_id).startswith("OK\t")
+    assert c.login(profile=profile_id).startswith("OK\t")
     ns.syslog.wait_for("start 1200s poll on: " + url)
     return pid, c
-
-
-class Client:
-    def __init__(self, ns):
-        self.sock = ns.connect_unix(CTL)
-        self.sock.settimeout(15)
-
-    def request(self, text):
-        self.sock.send(text.encode())
-        word = text.split()[0]
-        while True:
-            msg = self.sock.recv(1 << 20).split(b"\0", 1)[0].decode("latin-1")
-            if msg.startswith("OK\t%s\t" % word) or msg.startswith("ERROR\t%s\t" % word):
-                return msg
-
-    def login(self, profile_id, domain="rss"):
-        return self.request("login\tv:3\tdomain:%s\tprofile_id:%d" % (domain, profile_id))
-
-    def logout(self, profile_id, domain="rss"):
-        return self.request("logout\tdomain:%s\tprofile_id:%d" % (domain, profile_id))
 
 
 def dump(ns, pid):
@@ -110,7 +91,7 @@ def test_poll_change_restarts_the_timer(ns):
 def test_url_change_refreshes_once(ns):
     pid = start(ns)
     c = Client(ns)
-    assert c.login(1).startswith("OK\t")
+    assert c.login(profile=1).startswith("OK\t")
     ns.syslog.wait_for("no connection to server [" + URL_A + "]")
     moved = "http://other.test/moved.xml"
     set_and_wait(ns, doc(entry(1, moved, "News", 1200) + entry(2, URL_B, "Radio"), profile(1, 1, 2) + profile(2, 2)))
@@ -136,13 +117,13 @@ def test_last_reference_removed_frees_record_and_timer(ns):
 def test_vanished_profile_becomes_placeholder(ns):
     pid, c = polling(ns, 2, URL_B)
     set_and_wait(ns, doc(ENTRIES, profile(1, 1, 2)))
-    ns.syslog.wait_for("[kddbg] check profile update: old 2, new none")
+    assert c.next_push("OK\taccounts\t") == "OK\taccounts\tdomain:rss\tprofile_id:2"
     ns.syslog.wait_for("stop poll on: " + URL_B)
     _, lines = dump(ns, pid)
     assert "  [rss] profile 2 [placeholder]" in lines
     # The placeholder takes the profile again when it comes back.
     set_and_wait(ns, BASE)
-    ns.syslog.wait_for("[kddbg] check profile update: old none, new 2")
+    assert c.next_push("OK\taccounts\t") == "OK\taccounts\tdomain:rss\tprofile_id:2\tname:Radio\tfeed_id:2"
     ns.syslog.wait_count("start 1200s poll on: " + URL_B, 2)
     _, lines = dump(ns, pid)
     assert "  [rss] profile 2" in lines
@@ -159,7 +140,7 @@ def test_logout_of_the_only_subscriber_stops_the_poll(ns):
 def test_two_references_share_one_timer(ns):
     pid = start(ns, rss=doc(ENTRIES, profile(1, 1, 1)))
     c = Client(ns)
-    assert c.login(1).startswith("OK\t")
+    assert c.login(profile=1).startswith("OK\t")
     ns.syslog.wait_for("start 1200s poll on: " + URL_A)
     text, _ = dump(ns, pid)
     assert re.search(r"\[News\] http://feeds.test/a.xml\s+\[#refs=2 ", rss_part(text))
@@ -172,11 +153,11 @@ def test_polls_need_a_connected_subscriber_and_the_internet(ns):
     assert ns.syslog.count(re.compile(r"^start \d+s poll on: ")) == 0
     ns.internet(False)
     c = Client(ns)
-    assert c.login(1).startswith("OK\t")
+    assert c.login(profile=1).startswith("OK\t")
     dump(ns, pid)
     assert ns.syslog.count(re.compile(r"^start \d+s poll on: ")) == 0
     ns.internet(True)
-    assert c.login(2).startswith("OK\t")  # the next timer refresh sees the internet
+    assert c.login(profile=2).startswith("OK\t")  # the next timer refresh sees the internet
     ns.syslog.wait_for("start 1200s poll on: " + URL_A)
     ns.syslog.wait_for("start 1200s poll on: " + URL_B)
     ns.internet(False)
@@ -188,7 +169,7 @@ def test_polls_need_a_connected_subscriber_and_the_internet(ns):
 def test_bad_references_are_logged_and_the_rest_merged(ns):
     pid = start(ns)
     c = Client(ns)
-    assert c.login(1).startswith("OK\t")
+    assert c.login(profile=1).startswith("OK\t")
     set_and_wait(ns, doc(ENTRIES, '<profile id="1"><item /><item entry="7" /><item entry="2" /></profile>'))
     ns.syslog.wait_for("found stale item node without entry reference")
     ns.syslog.wait_for("found item referencing non-existing entry '7'")
@@ -204,7 +185,7 @@ def test_profile_without_id_is_passed_over(ns):
     assert ns.syslog.wait_for("found profile node without id - ignored").prio == INFO
     ns.syslog.wait_for("incoming config data (handle=2)")
     c = Client(ns)
-    assert c.login(3).startswith("OK\t")  # the profile after it was adopted
+    assert c.login(profile=3).startswith("OK\t")  # the profile after it was adopted
     ns.syslog.wait_for("start 1200s poll on: " + URL_B)
     _, lines = dump(ns, pid)
     assert "  [rss] profile 3" in lines

@@ -14,6 +14,7 @@
 #include "platform/timeout.h"
 #include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
+#include "tests/unit/log_capture.h"
 
 #include <gtest/gtest.h>
 #include <mxml.h>
@@ -27,36 +28,6 @@
 #include <vector>
 
 namespace kelp_test {
-
-struct log_line {
-    int prio;
-    std::string text;
-};
-
-// Every syslog line of the daemon code since the last clear.
-inline std::vector<log_line> &captured_log()
-{
-    static std::vector<log_line> lines;
-    return lines;
-}
-
-inline size_t log_count(const std::string &text)
-{
-    size_t n = 0;
-    for (const auto &l : captured_log())
-        n += l.text == text;
-    return n;
-}
-
-inline bool log_has(const std::string &text) { return log_count(text) > 0; }
-
-inline bool log_has_prio(const std::string &text, int prio)
-{
-    for (const auto &l : captured_log())
-        if (l.text == text && l.prio == prio)
-            return true;
-    return false;
-}
 
 inline bool g_internet_up = true;
 inline int fake_internet(void) { return g_internet_up ? 1 : 0; }
@@ -231,17 +202,3 @@ protected:
 };
 
 } // namespace kelp_test
-
-#ifdef KELP_LOG_CAPTURE_IMPL
-// The daemon's modules log through syslog(); this definition takes their
-// calls so that the tests can read the lines.
-extern "C" void syslog(int prio, const char *fmt, ...)
-{
-    char buf[2048];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    kelp_test::captured_log().push_back({prio, buf});
-}
-#endif

@@ -1,38 +1,18 @@
 // Log lines of the feed parser: each message with its priority, written only
 // once the verbosity reaches its threshold.
+#define KELP_LOG_CAPTURE_IMPL
 #include "tests/unit/feed/xml_fixture.h"
-
-#include <cstdarg>
-#include <cstdio>
+#include "tests/unit/log_capture.h"
 
 #include "util/kd_log.h"
 
+using namespace kelp_test;
+
 namespace {
 
-struct log_line {
-    int prio;
-    std::string text;
-};
-
-std::vector<log_line> &lines()
-{
-    static std::vector<log_line> v;
-    return v;
-}
+std::vector<log_line> &lines() { return captured_log(); }
 
 } // namespace
-
-// The parser logs through syslog(); this definition takes the calls of the
-// whole test program so the lines can be read back.
-extern "C" void syslog(int prio, const char *fmt, ...)
-{
-    char buf[2048];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    lines().push_back({prio, buf});
-}
 
 namespace {
 
