@@ -4,7 +4,8 @@
 # /var/rpc and /dev/log are private there) with configd holding examples/,
 # a local nginx serving the example feeds as http://feeds.test/, and kelpctl
 # as the clients: the first poll, a read, the push to another profile and
-# the marks stored in configd; then the syslog lines and the exit status.
+# the marks stored in configd; kelp-web serves the browser page meanwhile
+# (its URL is printed); then the syslog lines and the exit status.
 #
 # Usage: scripts/demo.sh <builddir>     (as root; `make demo` calls it)
 set -euo pipefail
@@ -23,6 +24,7 @@ cleanup() {
     [ -n "${HOLDER:-}" ] && kill "$HOLDER" 2>/dev/null || true
     [ -n "${LOGGER:-}" ] && kill "$LOGGER" 2>/dev/null || true
     [ -n "${WATCH:-}" ] && kill "$WATCH" 2>/dev/null || true
+    [ -n "${WEB:-}" ] && kill "$WEB" 2>/dev/null || true
     wait 2>/dev/null || true
     rm -rf "$WORK"
 }
@@ -194,6 +196,21 @@ run_client() {
     wait "$WATCH" 2>/dev/null || true
 }
 
+# kelp-web: in the namespace's mount namespace (it finds kelpd's control
+# socket there) but on the host's loopback, so a browser on this machine can
+# open it while the demo runs.
+start_web() {
+    [ -x "$BIN/kelp-web" ] || { say "kelp-web not built"; return; }
+    nsenter --target "$HOLDER" --mount -- "$BIN/kelp-web" --listen 127.0.0.1:${KELP_WEB_PORT:-8080} \
+        > "$WORK/web.txt" &
+    WEB=$!
+    while ! grep -q listening "$WORK/web.txt" 2>/dev/null; do
+        kill -0 "$WEB" 2>/dev/null || { say "kelp-web did not start (port ${KELP_WEB_PORT:-8080} taken?)"; WEB=; return; }
+        sleep 0.05
+    done
+    say "$(cat "$WORK/web.txt") (open it in a browser while the demo runs)"
+}
+
 # Waits for the daemon to end (it ends by itself when there is nothing to
 # do), or asks it to end with SIGTERM after a few seconds.
 wait_kelpd() {
@@ -223,6 +240,7 @@ start_namespace
 start_nginx
 start_configd
 run_kelpd
+start_web
 run_client
 wait_kelpd
 show_log

@@ -1,0 +1,248 @@
+// kelp-web's browser sessions and their control connections (see session.h).
+#include "session.h"
+
+#include "wire.h"
+
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace kweb {
+
+namespace {
+
+// 128 random bits as hex: a page can only use the session it was given.
+bool make_token(std::string *token)
+{
+    unsigned char raw[16];
+    if (getrandom(raw, sizeof(raw), 0) != static_cast<ssize_t>(sizeof(raw)))
+        return false;
+    char hex[3];
+    token->clear();
+    for (unsigned char b : raw) {
+        snprintf(hex, sizeof(hex), "%02x", b);
+        token->append(hex);
+    }
+    return true;
+}
+
+// kd_unique_fd has no assignment: close the old descriptor, take the new.
+void replace_fd(kd_unique_fd *f, int fd)
+{
+    kd_unique_fd old(f->fd);
+    f->fd = fd;
+}
+
+void enqueue(session *s, std::string event)
+{
+    s->queued += event.size();
+    s->queue.push_back(std::move(event));
+}
+
+void wake(session_table *t, session *s)
+{
+    if (s->stream && t->wake)
+        t->wake(s->stream);
+}
+
+void erase(session_table *t, session *s)
+{
+    auto it = std::find_if(t->all.begin(), t->all.end(), [s](const auto &p) { return p.get() == s; });
+    if (it != t->all.end())
+        t->all.erase(it);
+}
+
+} // namespace
+
+int ctl_connect(const char *path)
+{
+    kd_unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd)
+        return -1;
+    sockaddr_un sa = {};
+    sa.sun_family = AF_UNIX;
+    if (strlen(path) >= sizeof(sa.sun_path))
+        return -1;
+    memcpy(sa.sun_path, path, strlen(path));
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0)
+        return -1;
+    return fd.release();
+}
+
+open_result session_open(session_table *t, kd_unique_fd ctl, std::string_view domain, uint32_t profile,
+                         time_t now, session **out)
+{
+    if (t->all.size() >= kMaxSessions)
+        return open_result::too_many;
+    if (!ctl)
+        return open_result::no_daemon;
+    auto s = std::make_unique<session>();
+    if (!make_token(&s->token))
+        return open_result::no_daemon;
+    s->domain = std::string(domain);
+    s->profile = profile;
+    replace_fd(&s->ctl, ctl.release());
+    s->born = now;
+    if (!session_send(s.get(), login_request(domain, profile)))
+        return open_result::send_failed;
+    syslog(LOG_INFO, "session %.8s opened for profile %u of %s", s->token.c_str(), profile, s->domain.c_str());
+    *out = s.get();
+    t->all.push_back(std::move(s));
+    return open_result::ok;
+}
+
+session *session_find(session_table *t, std::string_view token)
+{
+    for (auto &s : t->all)
+        if (s->token == token)
+            return s.get();
+    return nullptr;
+}
+
+bool session_send(session *s, std::string_view request)
+{
+    if (!s->ctl)
+        return false;
+    // kelpd reads one packet per request; the socket has room for small ones.
+    ssize_t n = send(s->ctl.get(), request.data(), request.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return n == static_cast<ssize_t>(request.size());
+}
+
+bool session_push(session_table *t, session *s, std::string_view json)
+{
+    if (s->dead)
+        return false;
+    size_t size = json.size() + 8;
+    if (s->queued + size > kMaxQueueBytes) {
+        syslog(LOG_NOTICE, "session %.8s dropped: its browser does not keep up", s->token.c_str());
+        session_kill(t, s);
+        return false;
+    }
+    std::string event;
+    event.reserve(size);
+    event.append("data: ").append(json).append("\n\n");
+    enqueue(s, std::move(event));
+    wake(t, s);
+    return true;
+}
+
+void session_keepalive(session_table *t, session *s)
+{
+    if (s->dead || s->queued > 0)
+        return;
+    enqueue(s, ":\n\n");
+    wake(t, s);
+}
+
+namespace {
+
+void kelpd_gone(session_table *t, session *s)
+{
+    syslog(LOG_INFO, "session %.8s: kelpd closed the connection", s->token.c_str());
+    replace_fd(&s->ctl, -1);
+    session_push(t, s, "{\"type\":\"gone\"}");
+    s->ending = true;
+    wake(t, s);
+}
+
+// A packet over the limit is taken with a one-byte buffer, which discards
+// the rest of it; the page is told that something was lost.
+void drop_packet(session_table *t, session *s, ssize_t len)
+{
+    char c;
+    recv(s->ctl.get(), &c, 1, MSG_DONTWAIT);
+    syslog(LOG_ERR, "session %.8s: a message of %zd bytes from kelpd was dropped", s->token.c_str(), len);
+    session_push(t, s, "{\"type\":\"error\",\"text\":\"a message from kelpd was too large and was dropped\"}");
+}
+
+} // namespace
+
+bool session_receive(session_table *t, session *s)
+{
+    if (!s->ctl)
+        return false;
+    char probe;
+    ssize_t len = recv(s->ctl.get(), &probe, 1, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    if (len < 0 && (errno == EAGAIN || errno == EINTR))
+        return true;
+    if (len <= 0) {
+        kelpd_gone(t, s);
+        return false;
+    }
+    if (static_cast<size_t>(len) > t->max_packet) {
+        drop_packet(t, s, len);
+        return true;
+    }
+    std::string block(static_cast<size_t>(len), '\0');
+    ssize_t got = recv(s->ctl.get(), block.data(), block.size(), MSG_DONTWAIT);
+    if (got <= 0)
+        return true;
+    // The text ends at the first NUL; the padding behind it means nothing.
+    block.resize(std::min(block.find('\0'), static_cast<size_t>(got)));
+    std::string json;
+    if (message_to_json(block, &json))
+        session_push(t, s, json);
+    else
+        syslog(LOG_NOTICE, "session %.8s: message from kelpd not understood", s->token.c_str());
+    return true;
+}
+
+size_t session_take(session *s, char *buf, size_t max)
+{
+    size_t n = 0;
+    while (n < max && !s->queue.empty()) {
+        const std::string &front = s->queue.front();
+        size_t k = std::min(max - n, front.size() - s->front_taken);
+        memcpy(buf + n, front.data() + s->front_taken, k);
+        n += k;
+        s->front_taken += k;
+        s->queued -= k;
+        if (s->front_taken == front.size()) {
+            s->queue.pop_front();
+            s->front_taken = 0;
+        }
+    }
+    return n;
+}
+
+void session_kill(session_table *t, session *s)
+{
+    replace_fd(&s->ctl, -1);
+    s->dead = true;
+    s->queue.clear();
+    s->queued = 0;
+    s->front_taken = 0;
+    if (!s->stream) {
+        syslog(LOG_INFO, "session %.8s closed", s->token.c_str());
+        erase(t, s);
+        return;
+    }
+    wake(t, s); // the stream runs once more to end itself
+}
+
+void session_stream_ended(session_table *t, std::string_view token)
+{
+    session *s = session_find(t, token);
+    if (!s)
+        return;
+    syslog(LOG_INFO, "session %.8s closed", s->token.c_str());
+    erase(t, s);
+}
+
+void session_expire(session_table *t, time_t now)
+{
+    std::vector<session *> gone;
+    for (auto &s : t->all)
+        if (!s->stream && (s->dead || now - s->born > kAttachSeconds))
+            gone.push_back(s.get());
+    for (session *s : gone)
+        session_kill(t, s);
+}
+
+} // namespace kweb
