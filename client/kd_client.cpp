@@ -2,6 +2,8 @@
 // Owns the doubly linked client list entries (the head is the main loop's),
 // receiving one request per packet, sending whole blocks, and tearing a
 // connection down so that no profile keeps a pointer to a freed record.
+// A connection's socket belongs to its record from kd_new_connection on and
+// is closed in one place, kd_disconnect_client.
 #include "client/kd_client.h"
 
 #include <cerrno>
