@@ -114,7 +114,7 @@ static bool fsync_dir(const std::string &dir)
 static bool write_durably(const std::string &path, const char *text, int *err)
 {
     kd_unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    bool ok = fd && fd_write_all(fd.get(), text, strlen(text)) && fsync(fd.get()) == 0;
+    bool ok = fd && fdio_write_all(fd.get(), text, strlen(text)) && fsync(fd.get()) == 0;
     *err = errno;
     if (fd && close(fd.release()) < 0 && ok) {
         ok = false;

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <unistd.h>
 
-inline bool fd_write_all(int fd, const char *p, size_t n)
+inline bool fdio_write_all(int fd, const char *p, size_t n)
 {
     while (n > 0) {
         ssize_t w = write(fd, p, n);

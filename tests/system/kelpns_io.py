@@ -34,38 +34,56 @@ def parse_syslog(data):
     return Record(ident.group(1), pid, prio, ident.group(3))
 
 
-class SyslogReader:
+class _Reader:
+    """One thread that waits for its sockets to be readable and hands each
+    ready one to _ready(); the one reader loop of every helper here."""
+
+    def _start(self):
+        self._stop = False
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _watched(self):
+        return [self.sock]
+
+    def _run(self):
+        while not self._stop:
+            r, _, _ = select.select(self._watched(), [], [], 0.2)
+            for s in r:
+                if self._ready(s) is False:
+                    return
+
+    def _end(self):
+        self._stop = True
+        self._thread.join(5)
+
+
+class SyslogReader(_Reader):
     """Collects the datagrams sent to the namespace's /dev/log."""
 
     def __init__(self, sock_path):
-        self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._sock.bind(sock_path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(sock_path)
         os.chmod(sock_path, 0o666)
         self._path = sock_path
         self._recs = []
         self._synced = 0
         self._cond = threading.Condition()
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
+        self._start()
 
     _SYNC = b"<15>kelpns-sync "
 
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self._sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                data = self._sock.recv(65536)
-            except OSError:
-                break
-            with self._cond:
-                if data.startswith(self._SYNC):
-                    self._synced = int(data[len(self._SYNC):])
-                else:
-                    self._recs.append(parse_syslog(data))
-                self._cond.notify_all()
+    def _ready(self, s):
+        try:
+            data = s.recv(65536)
+        except OSError:
+            return False
+        with self._cond:
+            if data.startswith(self._SYNC):
+                self._synced = int(data[len(self._SYNC):])
+            else:
+                self._recs.append(parse_syslog(data))
+            self._cond.notify_all()
 
     def sync(self, timeout=15):
         """Returns once every datagram already sent (e.g. by a process that
@@ -83,9 +101,8 @@ class SyslogReader:
                 self._cond.wait(left)
 
     def close(self):
-        self._stop = True
-        self._thread.join(5)
-        self._sock.close()
+        self._end()
+        self.sock.close()
 
     def records(self, ident=None):
         with self._cond:
@@ -136,7 +153,7 @@ def _matches(want, text):
     return want == text
 
 
-class ExitEvents:
+class ExitEvents(_Reader):
     """Exit codes of every process that ends, from the kernel's process
     events connector (netlink): status even of processes reaped by others."""
     NETLINK_CONNECTOR = 11
@@ -145,47 +162,41 @@ class ExitEvents:
 
     def __init__(self):
         self.codes = {}
-        self._sock = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, self.NETLINK_CONNECTOR)
+        self.sock = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, self.NETLINK_CONNECTOR)
         # Every process of the machine reports here: room for bursts (builds).
-        self._sock.setsockopt(socket.SOL_SOCKET, getattr(socket, "SO_RCVBUFFORCE", 33), 8 << 20)
-        self._sock.bind((0, self.CN_IDX_PROC))
+        self.sock.setsockopt(socket.SOL_SOCKET, getattr(socket, "SO_RCVBUFFORCE", 33), 8 << 20)
+        self.sock.bind((0, self.CN_IDX_PROC))
         self._control(1)
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
+        self._start()
 
     def _control(self, op):
         payload = struct.pack("I", op)
         cn = struct.pack("IIIIHH", self.CN_IDX_PROC, 1, 0, 0, len(payload), 0) + payload
-        self._sock.send(struct.pack("IHHII", 16 + len(cn), 3, 0, 0, 0) + cn)
+        self.sock.send(struct.pack("IHHII", 16 + len(cn), 3, 0, 0, 0) + cn)
 
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self._sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                data = self._sock.recv(65536)
-            except OSError:
-                continue
-            # nlmsghdr (16), cn_msg (20), proc_event: what, cpu, timestamp (16)
-            if len(data) < 68 or struct.unpack_from("I", data, 36)[0] != self.PROC_EVENT_EXIT:
-                continue
-            pid, tgid, code = struct.unpack_from("III", data, 52)
-            if pid == tgid:
-                self.codes[pid] = code
+    def _ready(self, s):
+        try:
+            data = s.recv(65536)
+        except OSError:
+            return True
+        # nlmsghdr (16), cn_msg (20), proc_event: what, cpu, timestamp (16)
+        if len(data) < 68 or struct.unpack_from("I", data, 36)[0] != self.PROC_EVENT_EXIT:
+            return True
+        pid, tgid, code = struct.unpack_from("III", data, 52)
+        if pid == tgid:
+            self.codes[pid] = code
+        return True
 
     def close(self):
-        self._stop = True
-        self._thread.join(5)
+        self._end()
         try:
             self._control(2)
         except OSError:
             pass
-        self._sock.close()
+        self.sock.close()
 
 
-class HttpServer:
+class HttpServer(_Reader):
     """A scripted HTTP server: handler(raw_request_bytes, conn) answers.
     With tls, conn is the TLS socket; closing it sends no close_notify, so a
     response simply ends with the connection, as many servers do."""
@@ -196,20 +207,15 @@ class HttpServer:
         self.requests = []
         self._handler = handler
         self._tls = tls  # a server ssl.SSLContext: every connection starts with a handshake
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
+        self._start()
 
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self.sock], [], [], 0.2)
-            if not r:
-                continue
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
+    def _ready(self, s):
+        try:
+            conn, _ = s.accept()
+        except OSError:
+            return False
+        threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
+        return True
 
     def _serve(self, conn):
         conn.settimeout(10)
@@ -233,12 +239,11 @@ class HttpServer:
                 pass
 
     def close(self):
-        self._stop = True
-        self._thread.join(5)
+        self._end()
         self.sock.close()
 
 
-class SilentPeer:
+class SilentPeer(_Reader):
     """A unix stream listener that accepts, reads and never answers: a configd
     that has not replied yet, so a daemon keeps waiting for its documents."""
 
@@ -248,29 +253,27 @@ class SilentPeer:
         self.sock.listen(8)
         self.conns = []
         self.received = b""
-        self._stop = False
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
+        self._start()
 
-    def _run(self):
-        while not self._stop:
-            r, _, _ = select.select([self.sock] + self.conns, [], [], 0.2)
-            for s in r:
-                if s is self.sock:
-                    self.conns.append(self.sock.accept()[0])
-                    continue
-                try:
-                    data = s.recv(65536)
-                except OSError:
-                    data = b""
-                self.received += data
-                if not data:
-                    self.conns.remove(s)
-                    s.close()
+    def _watched(self):
+        return [self.sock] + self.conns
+
+    def _ready(self, s):
+        if s is self.sock:
+            self.conns.append(self.sock.accept()[0])
+            return True
+        try:
+            data = s.recv(65536)
+        except OSError:
+            data = b""
+        self.received += data
+        if not data:
+            self.conns.remove(s)
+            s.close()
+        return True
 
     def close(self):
-        self._stop = True
-        self._thread.join(5)
+        self._end()
         for c in self.conns:
             c.close()
         self.sock.close()

@@ -89,7 +89,7 @@ void show_request(httpcli_ctx *ctx, const char *url)
     if (uri.scheme && uri.host && uri.path)
         build_request(ctx, &uri, &b);
     if (b.start)
-        fd_write_all(2, b.start, b.len);
+        fdio_write_all(2, b.start, b.len);
     kd_free(b.start);
     http_free_uri(ctx, &uri);
 }
@@ -130,7 +130,7 @@ int main(int argc, char **argv)
     httpcli_buffer resp = {};
     http_result res = {};
     int code = httpcli_get(&ctx, o.url, &resp, &res);
-    bool written = !resp.start || fd_write_all(1, resp.start, resp.len);
+    bool written = !resp.start || fdio_write_all(1, resp.start, resp.len);
     fprintf(stderr, "result: %d\n", code);
     show_header("Content-Type", res.content_type);
     show_header("Location", res.location);

@@ -28,197 +28,81 @@ struct parsed {
     std::string domain() const { return msg.domain ? msg.domain : "(none)"; }
 };
 
-TEST(MsgParse, WhiteSpaceOnlyIsUnknownWithoutError)
-{
-    parsed p(" \t\r\n\v\f ");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_UNKNOWN);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
+// One request and every field it parses to; "(none)" for no domain.
+struct parse_case {
+    const char *name;
+    std::string text;
+    uint32_t cmd, version;
+    const char *domain;
+    uint32_t profile_id, feed_id, uid, error;
+};
 
-TEST(MsgParse, UnknownWordIsUnknownWithoutError)
-{
-    parsed p("hello\tdomain:rss");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_UNKNOWN);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-    EXPECT_EQ(p.msg.domain, nullptr);
-}
+const parse_case kCases[] = {
+    {"white space only is unknown", " \t\r\n\v\f ", KD_CMD_UNKNOWN, 0, "(none)", 0, 0, 0, KD_NO_ERROR},
+    {"an unknown word is unknown", "hello\tdomain:rss", KD_CMD_UNKNOWN, 0, "(none)", 0, 0, 0, KD_NO_ERROR},
+    {"full login", "login\tv:3\tdomain:rss\tprofile_id:1", KD_CMD_LOGIN, 3, "rss", 1, 0, 0, KD_NO_ERROR},
+    {"any white space separates, leads and trails",
+     "\r\n  login v:2\n\ndomain:podcast \v profile_id:42\n\0garbage"s, KD_CMD_LOGIN, 2, "podcast", 42, 0, 0,
+     KD_NO_ERROR},
+    {"a NUL after the last field", "logout\tdomain:rss\tprofile_id:7\0"s, KD_CMD_LOGOUT, 0, "rss", 7, 0, 0,
+     KD_NO_ERROR},
+    {"login without profile keeps version and domain", "login\tv:3\tdomain:rss", KD_CMD_LOGIN, 3, "rss", 0, 0, 0,
+     KD_MISSING_PROFILE},
+    {"login without version stops at once", "login\tdomain:rss\tprofile_id:1", KD_CMD_LOGIN, 0, "(none)", 0, 0, 0,
+     KD_MISSING_VERSION},
+    {"login without domain", "login\tv:3\tprofile_id:1", KD_CMD_LOGIN, 3, "(none)", 0, 0, 0, KD_MISSING_DOMAIN},
+    {"accounts", "accounts\tdomain:podcast\tprofile_id:2", KD_CMD_ACCOUNTS, 0, "podcast", 2, 0, 0, KD_NO_ERROR},
+    {"logout without profile", "logout\tdomain:podcast", KD_CMD_LOGOUT, 0, "podcast", 0, 0, 0, KD_MISSING_PROFILE},
+    {"body with every field", "body\tdomain:rss\tprofile_id:1\tfeed_id:4\tuid:17", KD_CMD_BODY, 0, "rss", 1, 4, 17,
+     KD_NO_ERROR},
+    {"body without uid", "body\tdomain:rss\tprofile_id:1\tfeed_id:4", KD_CMD_BODY, 0, "rss", 1, 4, 0,
+     KD_MISSING_UID},
+    {"enclosure without feed id", "enclosure\tdomain:rss\tprofile_id:1\tuid:3", KD_CMD_ENCLOSURE, 0, "rss", 1, 0, 0,
+     KD_MISSING_FEEDID},
+    {"image without domain", "image\tprofile_id:1\tfeed_id:4\tuid:3", KD_CMD_IMAGE, 0, "(none)", 0, 0, 0,
+     KD_MISSING_DOMAIN},
+    {"fields in another order", "logout\tprofile_id:1\tdomain:rss", KD_CMD_LOGOUT, 0, "(none)", 0, 0, 0,
+     KD_MISSING_DOMAIN},
+    {"eleven nines wrap", "logout\tdomain:rss\tprofile_id:99999999999", KD_CMD_LOGOUT, 0, "rss", 1215752191u, 0, 0,
+     KD_NO_ERROR},
+    {"a minus sign fails the field", "logout\tdomain:rss\tprofile_id:-1", KD_CMD_LOGOUT, 0, "rss", 0, 0, 0,
+     KD_MISSING_PROFILE},
+    {"a plus sign fails the field", "logout\tdomain:rss\tprofile_id:+1", KD_CMD_LOGOUT, 0, "rss", 0, 0, 0,
+     KD_MISSING_PROFILE},
+    {"a number stops at the first non-digit", "logout\tdomain:rss\tprofile_id:12abc", KD_CMD_LOGOUT, 0, "rss", 12, 0,
+     0, KD_NO_ERROR},
+    {"a number running to the end of the block", "body domain:rss profile_id:1 feed_id:4 uid:4294967295", KD_CMD_BODY,
+     0, "rss", 1, 4, 4294967295u, KD_NO_ERROR},
+    {"a key at the very end fails the field", "logout\tdomain:", KD_CMD_LOGOUT, 0, "(none)", 0, 0, 0,
+     KD_MISSING_DOMAIN},
+    {"a number key at the very end fails the field", "logout\tdomain:rss\tprofile_id:", KD_CMD_LOGOUT, 0, "rss", 0, 0,
+     0, KD_MISSING_PROFILE},
+    {"a key cut short by the end", "logout\tdom", KD_CMD_LOGOUT, 0, "(none)", 0, 0, 0, KD_MISSING_DOMAIN},
+    {"a number key cut short by the end", "logout\tdomain:rss\tprofile_i", KD_CMD_LOGOUT, 0, "rss", 0, 0, 0,
+     KD_MISSING_PROFILE},
+    {"a key followed by white space", "logout\tdomain: rss\tprofile_id:1", KD_CMD_LOGOUT, 0, "(none)", 0, 0, 0,
+     KD_MISSING_DOMAIN},
+    {"keys are case-sensitive", "logout\tDomain:rss\tprofile_id:1", KD_CMD_LOGOUT, 0, "(none)", 0, 0, 0,
+     KD_MISSING_DOMAIN},
+    {"a string runs to the end of the block", "logout\tdomain:podcast", KD_CMD_LOGOUT, 0, "podcast", 0, 0, 0,
+     KD_MISSING_PROFILE},
+    {"a string stops at any white space", "logout domain:rss\rprofile_id:5", KD_CMD_LOGOUT, 0, "rss", 5, 0, 0,
+     KD_NO_ERROR},
+};
 
-TEST(MsgParse, FullLogin)
+TEST(MsgParse, EveryRequestParsesToItsFields)
 {
-    parsed p("login\tv:3\tdomain:rss\tprofile_id:1");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGIN);
-    EXPECT_EQ(p.msg.version, 3u);
-    EXPECT_EQ(p.domain(), "rss");
-    EXPECT_EQ(p.msg.profile_id, 1u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, AnyWhiteSpaceSeparatesAndLeadsAndTrailingBytesAreIgnored)
-{
-    parsed p("\r\n  login v:2\n\ndomain:podcast \v profile_id:42\n\0garbage"s);
-    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGIN);
-    EXPECT_EQ(p.msg.version, 2u);
-    EXPECT_EQ(p.domain(), "podcast");
-    EXPECT_EQ(p.msg.profile_id, 42u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, TrailingNulAfterLastFieldIsIgnored)
-{
-    parsed p("logout\tdomain:rss\tprofile_id:7\0"s);
-    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGOUT);
-    EXPECT_EQ(p.msg.profile_id, 7u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, LoginWithoutProfileKeepsVersionAndDomain)
-{
-    parsed p("login\tv:3\tdomain:rss");
-    EXPECT_EQ(p.msg.version, 3u);
-    EXPECT_EQ(p.domain(), "rss");
-    EXPECT_EQ(p.msg.profile_id, 0u);
-    EXPECT_EQ(p.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, LoginWithoutVersionStopsAtOnce)
-{
-    parsed p("login\tdomain:rss\tprofile_id:1");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGIN);
-    EXPECT_EQ(p.msg.error, KD_MISSING_VERSION);
-    EXPECT_EQ(p.msg.domain, nullptr); // later fields stay unread
-    EXPECT_EQ(p.msg.profile_id, 0u);
-}
-
-TEST(MsgParse, LoginWithoutDomain)
-{
-    parsed p("login\tv:3\tprofile_id:1");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-    EXPECT_EQ(p.msg.profile_id, 0u);
-}
-
-TEST(MsgParse, AccountsFields)
-{
-    parsed p("accounts\tdomain:podcast\tprofile_id:2");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_ACCOUNTS);
-    EXPECT_EQ(p.domain(), "podcast");
-    EXPECT_EQ(p.msg.profile_id, 2u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, LogoutWithoutProfile)
-{
-    parsed p("logout\tdomain:podcast");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_LOGOUT);
-    EXPECT_EQ(p.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, BodyAllFields)
-{
-    parsed p("body\tdomain:rss\tprofile_id:1\tfeed_id:4\tuid:17");
-    EXPECT_EQ(p.msg.cmd, KD_CMD_BODY);
-    EXPECT_EQ(p.msg.feed_id, 4u);
-    EXPECT_EQ(p.msg.uid, 17u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, BodyWithoutUid)
-{
-    parsed p("body\tdomain:rss\tprofile_id:1\tfeed_id:4");
-    EXPECT_EQ(p.msg.feed_id, 4u);
-    EXPECT_EQ(p.msg.uid, 0u);
-    EXPECT_EQ(p.msg.error, KD_MISSING_UID);
-}
-
-TEST(MsgParse, ItemRequestsMissingFeedIdAndDomain)
-{
-    parsed e("enclosure\tdomain:rss\tprofile_id:1\tuid:3");
-    EXPECT_EQ(e.msg.cmd, KD_CMD_ENCLOSURE);
-    EXPECT_EQ(e.msg.error, KD_MISSING_FEEDID);
-    EXPECT_EQ(e.msg.uid, 0u);
-    parsed i("image\tprofile_id:1\tfeed_id:4\tuid:3");
-    EXPECT_EQ(i.msg.cmd, KD_CMD_IMAGE);
-    EXPECT_EQ(i.msg.error, KD_MISSING_DOMAIN);
-    EXPECT_EQ(i.msg.profile_id, 0u);
-}
-
-TEST(MsgParse, FieldsInAnotherOrderFail)
-{
-    parsed p("logout\tprofile_id:1\tdomain:rss");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-}
-
-TEST(MsgParse, ElevenNinesWrap)
-{
-    parsed p("logout\tdomain:rss\tprofile_id:99999999999");
-    EXPECT_EQ(p.msg.profile_id, 1215752191u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, MinusSignFailsTheField)
-{
-    parsed p("logout\tdomain:rss\tprofile_id:-1");
-    EXPECT_EQ(p.msg.error, KD_MISSING_PROFILE);
-    EXPECT_EQ(p.msg.profile_id, 0u);
-    parsed q("logout\tdomain:rss\tprofile_id:+1");
-    EXPECT_EQ(q.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, NumberStopsAtFirstNonDigit)
-{
-    parsed p("logout\tdomain:rss\tprofile_id:12abc");
-    EXPECT_EQ(p.msg.profile_id, 12u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, NumberRunningToTheEndOfTheBlock)
-{
-    parsed p("body domain:rss profile_id:1 feed_id:4 uid:4294967295");
-    EXPECT_EQ(p.msg.uid, 4294967295u);
-    EXPECT_EQ(p.msg.error, KD_NO_ERROR);
-}
-
-TEST(MsgParse, KeyAtTheVeryEndFailsTheField)
-{
-    parsed p("logout\tdomain:");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-    EXPECT_EQ(p.msg.domain, nullptr);
-    parsed q("logout\tdomain:rss\tprofile_id:");
-    EXPECT_EQ(q.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, KeyCutShortByTheEndFailsTheField)
-{
-    parsed p("logout\tdom");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-    parsed q("logout\tdomain:rss\tprofile_i");
-    EXPECT_EQ(q.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, KeyFollowedByWhiteSpaceFailsTheField)
-{
-    parsed p("logout\tdomain: rss\tprofile_id:1");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-    EXPECT_EQ(p.msg.domain, nullptr);
-}
-
-TEST(MsgParse, KeysAreCaseSensitive)
-{
-    parsed p("logout\tDomain:rss\tprofile_id:1");
-    EXPECT_EQ(p.msg.error, KD_MISSING_DOMAIN);
-}
-
-TEST(MsgParse, StringRunsToTheEndOfTheBlock)
-{
-    parsed p("logout\tdomain:podcast");
-    EXPECT_EQ(p.domain(), "podcast");
-    EXPECT_EQ(p.msg.error, KD_MISSING_PROFILE);
-}
-
-TEST(MsgParse, StringStopsAtAnyWhiteSpace)
-{
-    parsed p("logout domain:rss\rprofile_id:5");
-    EXPECT_EQ(p.domain(), "rss");
-    EXPECT_EQ(p.msg.profile_id, 5u);
+    for (const parse_case &c : kCases) {
+        SCOPED_TRACE(c.name);
+        parsed p(c.text);
+        EXPECT_EQ(p.msg.cmd, c.cmd);
+        EXPECT_EQ(p.msg.version, c.version);
+        EXPECT_EQ(p.domain(), c.domain);
+        EXPECT_EQ(p.msg.profile_id, c.profile_id);
+        EXPECT_EQ(p.msg.feed_id, c.feed_id);
+        EXPECT_EQ(p.msg.uid, c.uid);
+        EXPECT_EQ(p.msg.error, c.error);
+    }
 }
 
 TEST(MsgParse, DomainCopyFailureIsNoMemory)
