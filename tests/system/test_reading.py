@@ -5,6 +5,7 @@ both daemons."""
 import os
 import re
 import signal
+import subprocess
 
 from kelpd_client import Client
 
@@ -145,3 +146,32 @@ def test_api_two_sees_only_the_read_state(ns):
         "OK\tbody\tdomain:rss\tprofile_id:1\tfeed_id:1\tuid:1\tbody:See  the tower."
     assert first_overview(v3, 2).startswith(
         "overview\tdomain:rss\tprofile_id:2\tfeed_id:1\tnumber:3\tnumber_new:2\tuid:0\tstate:2\t")
+
+
+def test_kelpctl_reads_marks_and_watches_with_the_real_daemon(ns):
+    start(ns)
+    keeper = Client(ns)
+    assert keeper.login(profile=2).startswith("OK\t")
+    first_overview(keeper, 2)
+    watcher = ns.spawn([ns.bin("kelpctl"), "-p", "2", "watch"], stdout=subprocess.PIPE, text=True)
+    cp = ns.kelpctl("read", "1", "1")
+    assert cp.returncode == 0, cp.stderr
+    assert cp.stdout == "See  the tower.\nimage at offset 4: http://feeds.test/l.png\n"
+    cp = ns.kelpctl("enclosure", "1", "0")
+    assert (cp.returncode, cp.stdout) == (0, "http://feeds.test/k.mp3\n")
+    cp = ns.kelpctl("image", "1", "2")
+    assert cp.returncode == 1 and cp.stdout == ""
+    cp = ns.kelpctl("read", "1", "99")
+    assert cp.returncode == 1
+    assert "12:KD_UID_NOT_FOUND" in cp.stderr
+    cp = ns.kelpctl("overview", "1")
+    assert cp.returncode == 0, cp.stderr
+    assert cp.stdout.splitlines()[0] == "feed 1 (News): 3 items, 0 new"
+    cp = ns.kelpctl("status")
+    assert (cp.returncode, cp.stdout) == (0, "internet: usable\n")
+    # Profile 2's watcher saw the marks arrive (all three items were asked for).
+    stored_soon(ns, ['<item entry="1" read="07" first="%s" />' % fnv("Kettle recall")] * 2)
+    watcher.send_signal(signal.SIGTERM)
+    out, _ = watcher.communicate(timeout=15)
+    assert watcher.returncode == 0
+    assert "state=5(read,image) subject=\"Lighthouse opens\"" in out
