@@ -89,7 +89,7 @@ bool parse_and_print(int code, const char *url, const char *content_type, char *
     char *title = nullptr;
     kdx_charset_info charset;
     kd_node *feed = kdx_parse_feed_charset(code, url, content_type, body, &title, &charset);
-    int n = print_feed(code, content_type, &charset, title, feed);
+    int n = feedcheck_print_feed(code, content_type, &charset, title, feed);
     kd_free(title);
     kdn_free_feed(feed);
     return n > 0;
@@ -117,7 +117,7 @@ int check_url(const char *url)
     int code = httpcli_get(&ctx, url, &resp, &res);
     bool ok = false;
     if (code != 200 && code != HTTPCLI_TRUNCATED) {
-        print_fetch_failure(code, url);
+        feedcheck_print_fetch_failure(code, url);
     } else {
         if (!resp.start)
             resp.start = kd_strdup(""); // an empty body is still a document

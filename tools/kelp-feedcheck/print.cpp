@@ -87,7 +87,7 @@ void print_charset(const kdx_charset_info *cs)
 
 } // namespace
 
-int print_feed(int code, const char *content_type, const kdx_charset_info *charset, const char *title,
+int feedcheck_print_feed(int code, const char *content_type, const kdx_charset_info *charset, const char *title,
                const kd_node *feed)
 {
     printf("result: %d%s\n", code, code == 2 ? " (truncated)" : "");
@@ -108,7 +108,7 @@ int print_feed(int code, const char *content_type, const kdx_charset_info *chars
     return n;
 }
 
-void print_fetch_failure(int code, const char *url)
+void feedcheck_print_fetch_failure(int code, const char *url)
 {
     printf("result: %d\n", code);
     if (code == 1)
