@@ -246,6 +246,10 @@ static int serve()
         fprintf(stderr, "configd: cannot create directories: %s\n", strerror(errno));
         return 1;
     }
+    // A crash in the middle of a save leaves its temporary file; the stored
+    // document is whole, and the leftover would only take space.
+    for (const std::string &name : cfg_remove_leftovers(g_statedir))
+        syslog(LOG_NOTICE, "removed %s/%s, left by an interrupted save", g_statedir.c_str(), name.c_str());
     if (rpc_addiface(&g_iface, g_cfg_messages, 0, 0) < 0 || rpc_listen(KD_CONFIGD_SOCKET, &g_iface, g_callbacks) < 0) {
         syslog(LOG_ERR, "cannot listen on %s: %s", KD_CONFIGD_SOCKET, strerror(errno));
         fprintf(stderr, "configd: cannot listen on %s: %s\n", KD_CONFIGD_SOCKET, strerror(errno));

@@ -10,7 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
+#include <string_view>
 #include <unistd.h>
 
 bool cfg_valid_domain(const char *name)
@@ -62,6 +65,35 @@ mxml_node_t *cfg_parse(const char *text, std::string *why)
 static std::string path_of(const std::string &dir, const char *domain)
 {
     return dir + "/" + domain + ".xml";
+}
+
+static const char kTempSuffix[] = ".xml.tmp";
+
+// Where a domain's next document is written before it replaces the stored one.
+static std::string temp_of(const std::string &dir, const char *domain)
+{
+    return dir + "/." + domain + kTempSuffix;
+}
+
+// ".<domain>.xml.tmp": only a name that temp_of could have made.
+static bool is_temp_name(std::string_view name)
+{
+    size_t n = sizeof kTempSuffix - 1;
+    if (name.size() <= n + 1 || name[0] != '.' || name.substr(name.size() - n) != kTempSuffix)
+        return false;
+    return cfg_valid_domain(std::string(name.substr(1, name.size() - n - 1)).c_str());
+}
+
+std::vector<std::string> cfg_remove_leftovers(const std::string &dir)
+{
+    std::vector<std::string> gone;
+    std::unique_ptr<DIR, int (*)(DIR *)> d(opendir(dir.c_str()), closedir);
+    if (!d)
+        return gone;
+    while (dirent *e = readdir(d.get()))
+        if (is_temp_name(e->d_name) && unlink((dir + "/" + e->d_name).c_str()) == 0)
+            gone.emplace_back(e->d_name);
+    return gone;
 }
 
 static mxml_node_t *empty_document()
@@ -130,7 +162,7 @@ bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, st
         *why = "no memory to render the document";
         return false;
     }
-    std::string tmp = dir + "/." + domain + ".xml.tmp";
+    std::string tmp = temp_of(dir, domain);
     int err = 0;
     bool ok = write_durably(tmp, text, &err);
     free(text);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <mxml.h>
 #include <string>
+#include <vector>
 
 // [a-z0-9_-]{1,32}: a domain name can never be a path.
 bool cfg_valid_domain(const char *name);
@@ -24,6 +25,10 @@ mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *w
 // Stores a document atomically and durably (temporary file, fsync, rename,
 // fsync of the directory); false with the reason in *why.
 bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, std::string *why);
+
+// Removes the temporary files that saves interrupted by a crash left in the
+// state directory; returns their names.
+std::vector<std::string> cfg_remove_leftovers(const std::string &dir);
 
 // The generation of a document: 16 lowercase hex digits of the 64-bit FNV-1a
 // hash of its text as configd renders it. Equal texts have equal
