@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev
-      python3 python3-pytest iproute2 util-linux curl nginx-light
+      python3 python3-pytest iproute2 util-linux curl nginx-light strace
       openssl ca-certificates
       libmicrohttpd-dev chromium chromium-driver python3-selenium)
 missing=()
