@@ -261,6 +261,11 @@ def test_full_state_dir_refuses_the_save_and_the_next_one_stores_every_mark(ns, 
     fill(ns)
     refused_and_kept(ns, c, 1, "No space left on device", before)
     assert ns.alive(pid) and configd.poll() is None
+    # configctl is told the same.
+    cp = ns.configctl("set", "rss", "-", input=DOC)
+    assert cp.returncode == 1
+    assert "cannot store document: No space left on device" in cp.stderr, cp.stderr
+    assert stored(ns) == before
     os.unlink(ns.path(STATE + "/filler"))
     read_item(c, 2)
     wait_saves(ns, 2)
