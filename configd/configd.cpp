@@ -210,6 +210,9 @@ static void setup_signals()
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    // Over a file size limit a write then fails with EFBIG, and the save is
+    // refused like any other that cannot be stored, instead of killing configd.
+    signal(SIGXFSZ, SIG_IGN);
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);

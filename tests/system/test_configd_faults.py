@@ -63,8 +63,6 @@ def start_configd(ns, prefix=()):
     """configd (behind `prefix`, a command that runs it); returns once it
     serves, also when an earlier, killed configd left its socket behind."""
     seen = ns.syslog.count(re.compile("^serving "), ident="configd")
-    if os.path.exists(ns.path("/var/rpc/configd")):
-        os.unlink(ns.path("/var/rpc/configd"))
     p = ns.spawn(list(prefix) + [ns.bin("configd"), "--state-dir", STATE])
     ns._wait_until(lambda: ns.syslog.count(re.compile("^serving "), ident="configd") > seen, 15, "configd", p)
     return p
@@ -289,3 +287,19 @@ def test_read_only_state_dir_refuses_the_save_and_the_next_one_stores_every_mark
     wait_saves(ns, 2)
     assert stored_marks(ns) == [item("07")] * 2
     assert ns.syslog.count(re.compile("^configd error")) == 0
+
+
+def test_file_size_limit_refuses_the_save_and_configd_stays(ns):
+    put_documents(ns)
+    before = stored(ns)
+    configd = start_configd(ns, prefix=["prlimit", "--fsize=4096"])
+    big = DOC.replace('name="News"', 'name="%s"' % ("N" * 5000))
+    cp = ns.configctl("set", "rss", "-", input=big)
+    assert cp.returncode == 1
+    assert "cannot store document: File too large" in cp.stderr, cp.stderr
+    rec = ns.syslog.wait_for("domain 'rss': cannot store document: File too large", ident="configd")
+    assert rec.prio == ERR
+    assert stored(ns) == before
+    assert not os.path.exists(ns.path(TEMP))
+    assert configd.poll() is None
+    assert fetched_marks(ns) == ['<item entry="1" />'] * 2
