@@ -8,7 +8,6 @@ save and stores the next one."""
 import os
 import re
 import signal
-import subprocess
 
 import pytest
 
@@ -200,7 +199,7 @@ def test_killed_with_a_save_on_its_way_ends_kelpd_and_the_earlier_marks_stay(ns)
 # The second save's steps (the first save stores one mark): the temporary
 # file's fsync is the third fsync (each save also syncs the directory), its
 # rename the second rename. strace kills configd as it enters that call.
-@pytest.mark.parametrize("step", ["fsync:when=3", "rename:when=2"])
+@pytest.mark.parametrize("step", ["fsync:when=3", "rename:when=2"], ids=["fsync", "rename"])
 def test_killed_in_the_middle_of_storing_leaves_the_old_document_whole(ns, step):
     call = step.split(":")[0]
     kill_there = ["strace", "-f", "-o", "/dev/null", "-e", "trace=" + call,
@@ -231,62 +230,52 @@ def small_state_dir(ns):
     ns.run(["mount", "-t", "tmpfs", "-o", "size=64k,mode=755", "cfgstate", STATE], check=True)
 
 
-def fill(ns):
-    cp = ns.run(["dd", "if=/dev/zero", "of=%s/filler" % STATE, "bs=4096"])
-    assert "No space left on device" in cp.stderr, cp.stderr
+def read_only(ns, on):
+    ns.run(["mount", "-o", "remount,%s" % ("ro" if on else "rw"), STATE], check=True)
 
 
-def refused_and_kept(ns, c, uid, reason, before):
-    """A read whose save configd cannot store: refused with the reason to
-    kelpd and in configd's log, nothing stored changes, both daemons go on."""
-    read_item(c, uid)
-    rec = ns.syslog.wait_for("domain 'rss': cannot store document: " + reason, ident="configd")
-    assert rec.prio == ERR
-    ns.syslog.wait_for("configd refused to save the configuration: cannot store document: " + reason)
-    assert stored(ns) == before
-    assert not os.path.exists(ns.path(TEMP))
-    # configd serves the next request, with the document it still has.
-    assert fetched_marks(ns) == [item("01")] * 2
+def full(ns, on):
+    if on:
+        cp = ns.run(["dd", "if=/dev/zero", "of=%s/filler" % STATE, "bs=4096"])
+        assert "No space left on device" in cp.stderr, cp.stderr
+    else:
+        os.unlink(ns.path(STATE + "/filler"))
 
 
-def test_full_state_dir_refuses_the_save_and_the_next_one_stores_every_mark(ns, ):
+@pytest.mark.parametrize("fault, reason", [(full, "No space left on device"),
+                                           (read_only, "Read-only file system")], ids=["full", "read-only"])
+def test_save_configd_cannot_store_is_refused_and_the_next_one_stores_every_mark(ns, fault, reason):
     small_state_dir(ns)
     configd, pid = start_all(ns)
     c = reader(ns)
     read_item(c, 0)
     wait_saves(ns, 1)
     before = stored(ns)
-    fill(ns)
-    refused_and_kept(ns, c, 1, "No space left on device", before)
-    assert ns.alive(pid) and configd.poll() is None
-    # configctl is told the same.
+    fault(ns, True)
+    read_item(c, 1)
+    # Refused with the reason, in configd's log and to kelpd, which logs it.
+    rec = ns.syslog.wait_for("domain 'rss': cannot store document: " + reason, ident="configd")
+    assert rec.prio == ERR
+    rec = ns.syslog.wait_for("configd refused to save the configuration: cannot store document: " + reason)
+    assert rec.prio == ERR
+    assert stored(ns) == before
+    assert not os.path.exists(ns.path(TEMP))
+    # configd serves the next requests: a get, with the document it still
+    # has, and a save from configctl, refused the same way.
+    assert fetched_marks(ns) == [item("01")] * 2
     cp = ns.configctl("set", "rss", "-", input=DOC)
     assert cp.returncode == 1
-    assert "cannot store document: No space left on device" in cp.stderr, cp.stderr
+    assert "cannot store document: " + reason in cp.stderr, cp.stderr
     assert stored(ns) == before
-    os.unlink(ns.path(STATE + "/filler"))
+    assert ns.alive(pid) and configd.poll() is None
+    fault(ns, False)
     read_item(c, 2)
     wait_saves(ns, 2)
     # The mark whose save was refused was kept in kelpd's memory.
     assert stored_marks(ns) == [item("07")] * 2
+    assert ns.syslog.count("configd refused to save the configuration: cannot store document: " + reason) == 1
     assert ns.syslog.count(re.compile("^configd error")) == 0
-
-
-def test_read_only_state_dir_refuses_the_save_and_the_next_one_stores_every_mark(ns):
-    small_state_dir(ns)
-    configd, pid = start_all(ns)
-    c = reader(ns)
-    read_item(c, 0)
-    wait_saves(ns, 1)
-    before = stored(ns)
-    ns.run(["mount", "-o", "remount,ro", STATE], check=True)
-    refused_and_kept(ns, c, 1, "Read-only file system", before)
-    assert ns.alive(pid) and configd.poll() is None
-    ns.run(["mount", "-o", "remount,rw", STATE], check=True)
-    read_item(c, 2)
-    wait_saves(ns, 2)
-    assert stored_marks(ns) == [item("07")] * 2
-    assert ns.syslog.count(re.compile("^configd error")) == 0
+    assert ns.alive(pid)
 
 
 def test_file_size_limit_refuses_the_save_and_configd_stays(ns):
