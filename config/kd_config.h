@@ -65,8 +65,6 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *msg);
 void kd_configd_error(rpc_conn *conn, rpc_msg *msg);
 void kd_configd_data(rpc_conn *conn, rpc_msg *msg);
 void kd_configd_change(rpc_conn *conn, rpc_msg *msg);
-// configd's error reply to a save (configd answers a save only to refuse it).
-void kd_configd_save_refused(rpc_conn *conn, rpc_msg *msg);
 
 // --- merge and poll timers ---
 void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc);

@@ -28,7 +28,6 @@ static const rpc_callback g_configd_callbacks[] = {
     {RPC_EV_ERROR, kd_configd_error},
     {RPC_CONFIGD_GET_CONFIG, kd_configd_data},
     {RPC_CONFIGD_CHANGE_IND, kd_configd_change},
-    {RPC_CONFIGD_SAVE_CONFIG, kd_configd_save_refused},
     {0, nullptr},
 };
 
@@ -97,14 +96,6 @@ void kd_configd_change(rpc_conn *conn, rpc_msg *msg)
         tag = KD_HANDLE_PODCAST;
     rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, tag, name);
     g_configstate = KD_CONFIG_REQUESTED;
-}
-
-// A save configd could not store (its disk full or read-only): the marks are
-// still in the document in memory and go out again with the next save.
-void kd_configd_save_refused(rpc_conn *, rpc_msg *msg)
-{
-    if (msg->error)
-        KD_LOG(1, LOG_ERR, "configd refused to save the configuration: %s", msg->error);
 }
 
 void kd_configd_error(rpc_conn *conn, rpc_msg *msg)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 #include "platform/csock.h"
 #include "platform/rpc_wire.h"
@@ -132,6 +133,9 @@ static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
     rpc_handler h = r ? find_handler(c->cbs, m.id) : nullptr;
     if (h)
         h(c, &m);
+    else if (r && m.is_reply && m.error)
+        // A refusal its owner has no handler for must not vanish unseen.
+        syslog(LOG_ERR, "rpc: request 0x%08x refused: %s", unsigned(m.id), m.error);
     rpcw_msg_clear(&m);
 }
 

@@ -256,7 +256,7 @@ def test_save_configd_cannot_store_is_refused_and_the_next_one_stores_every_mark
     # Refused with the reason, in configd's log and to kelpd, which logs it.
     rec = ns.syslog.wait_for("domain 'rss': cannot store document: " + reason, ident="configd")
     assert rec.prio == ERR
-    rec = ns.syslog.wait_for("configd refused to save the configuration: cannot store document: " + reason)
+    rec = ns.syslog.wait_for("rpc: request 0x10000003 refused: cannot store document: " + reason)
     assert rec.prio == ERR
     assert stored(ns) == before
     assert not os.path.exists(ns.path(TEMP))
@@ -273,7 +273,7 @@ def test_save_configd_cannot_store_is_refused_and_the_next_one_stores_every_mark
     wait_saves(ns, 2)
     # The mark whose save was refused was kept in kelpd's memory.
     assert stored_marks(ns) == [item("07")] * 2
-    assert ns.syslog.count("configd refused to save the configuration: cannot store document: " + reason) == 1
+    assert ns.syslog.count("rpc: request 0x10000003 refused: cannot store document: " + reason) == 1
     assert ns.syslog.count(re.compile("^configd error")) == 0
     assert ns.alive(pid)
 

@@ -338,37 +338,6 @@ TEST_F(configd_session_test, SaveNamesTheDomainOrRefusesAForeignNode)
     EXPECT_EQ(sent_frames().size(), 1u);
 }
 
-// configd answers a save only to refuse it (its disk full or read-only): the
-// session says so, stays, and the marks go out with the next save.
-TEST_F(configd_session_test, RefusedSaveIsLoggedAndItsMarksGoOutWithTheNextSave)
-{
-    establish();
-    deliver(1, kDoc);
-    mxml_node_t *item = mxmlFindElement(g_rssdomain, g_rssdomain, "item", nullptr, nullptr, MXML_DESCEND);
-    ASSERT_NE(item, nullptr);
-    mxmlElementSetAttr(item, "read", "01");
-    kd_save_config(g_rssdomain);
-    ASSERT_EQ(sent_frames().size(), 1u);
-    rpc_msg m{};
-    m.id = RPC_CONFIGD_SAVE_CONFIG;
-    m.is_reply = 1;
-    m.error = const_cast<char *>("cannot store document: No space left on device");
-    kd_configd_save_refused(conn, &m);
-    EXPECT_TRUE(log_has_prio("configd refused to save the configuration: cannot store document: "
-                             "No space left on device", LOG_ERR));
-    EXPECT_EQ(g_configstate, 2);
-    EXPECT_FALSE(rpc_isempty());
-    mxmlElementSetAttr(item, "read", "03");
-    kd_save_config(g_rssdomain);
-    auto f = sent_frames();
-    ASSERT_EQ(f.size(), 1u);
-    EXPECT_NE(f[0].xml.find("read=\"03\""), std::string::npos) << f[0].xml;
-    verbosity = 0;
-    captured_log().clear();
-    kd_configd_save_refused(conn, &m);
-    EXPECT_TRUE(captured_log().empty());
-}
-
 TEST_F(configd_session_test, ErrorLogsTheLowByteAndCloses)
 {
     rpc_msg m{};

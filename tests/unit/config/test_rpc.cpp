@@ -1,6 +1,7 @@
 // The RPC connections over socket pairs: every message format both ways,
 // events only from the loop, large documents, bad peers, no leaks.
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cstring>
@@ -10,6 +11,9 @@
 #include "platform/rpc_configd.h"
 #include "platform/rpc_wire.h"
 #include "rpc_fixture.h"
+#include "tests/unit/log_capture.h"
+
+using namespace kelp_test;
 
 namespace {
 
@@ -194,6 +198,26 @@ TEST_F(RpcTest, ErrorReplyReachesTheHandlerWithItsReason)
     ASSERT_TRUE(pump_until([] { return has(g_cli, 0x10000003); }));
     EXPECT_EQ(g_cli.error, "no such domain");
     EXPECT_EQ(g_cli.tags.back(), 4u);
+    close_all();
+}
+
+// An owner without a handler for a refusal (kelpd has none for its saves)
+// still gets the reason into the log instead of losing it.
+TEST_F(RpcTest, ErrorReplyWithoutAHandlerIsLogged)
+{
+    static const rpc_callback no_save_table[] = {{1, cli_cb}, {2, cli_cb}, {0x10, cli_cb},
+                                                 {0x20000000, cli_cb}, {0, nullptr}};
+    cli = rpc_adopt_fd(fds[0], &g_ConfigD_IfaceInfo, no_save_table, 0);
+    srv = rpc_adopt_fd(fds[1], &g_ConfigD_IfaceInfo, srv_table, 1);
+    ASSERT_TRUE(cli && srv);
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 2) && has(g_srv, 2); }));
+    captured_log().clear();
+    ASSERT_EQ(rpc_send_error(srv, 0x10000003, 0, "cannot store document: No space left on device"), 0);
+    rpc_send_error(srv, 0x20000000, 0, "a refusal the owner handles");
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 0x20000000); }));
+    EXPECT_TRUE(log_has_prio("rpc: request 0x10000003 refused: cannot store document: No space left on device",
+                             LOG_ERR));
+    EXPECT_EQ(captured_log().size(), 1u);
     close_all();
 }
 
