@@ -2,7 +2,8 @@
 // non-blocking socket. The server's chain is checked against the CA bundle
 // (KELP_TLS_CA_FILE) and its certificate against the URL's host, which also
 // goes out as SNI; TLS 1.2 at least, 1.3 where the library has it. Every wait
-// for the socket is one http_wait, bounded by the context's time-out.
+// for the socket is one http_wait, bounded by the context's time-out and the
+// fetch's deadline.
 #include "http/tls.h"
 
 #include <algorithm>
