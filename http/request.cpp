@@ -28,6 +28,23 @@ constexpr size_t recv_block = 1560;
 // Reception ended because the fetch's deadline passed (never a result code).
 constexpr int deadline_passed = -1;
 
+// Bound of one wait: the context's time-out, cut to the `left_ns` the fetch
+// has left, rounded up so that a wait that ran out finds the deadline passed.
+timeval wait_bound(const httpcli_ctx *ctx, int64_t left_ns)
+{
+    // A negative, NaN or absurd time-out would make the conversion undefined.
+    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(t);
+    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
+    int64_t left_us = left_ns / 1000 + (left_ns % 1000 != 0);
+    if (left_us < static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec) {
+        tv.tv_sec = static_cast<time_t>(left_us / 1000000);
+        tv.tv_usec = static_cast<suseconds_t>(left_us % 1000000);
+    }
+    return tv;
+}
+
 // Everything one exchange holds, released in a fixed order on every path.
 struct exchange {
     httpcli_ctx *ctx;
@@ -180,16 +197,7 @@ bool http_wait(const httpcli_ctx *ctx, int fd, bool writable)
     int64_t left = http_fetch_left_ns();
     if (left == 0)
         return false;
-    // A negative, NaN or absurd time-out would make the conversion undefined.
-    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(t);
-    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
-    // The wait never outlasts the fetch: its end is the deadline at the latest.
-    if (left / 1000 < static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec) {
-        tv.tv_sec = static_cast<time_t>(left / 1000000000);
-        tv.tv_usec = static_cast<suseconds_t>(left % 1000000000 / 1000);
-    }
+    timeval tv = wait_bound(ctx, left);
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);

@@ -1,11 +1,12 @@
 """Feed servers that misbehave at the connection level: one that resets the
-connection in the middle of the body, one that answers with something that
-is not HTTP, one that redirects back to where it started and one that
-redirects to ever new targets. Each poll fails with its own log line and
+connection in the middle of the body, ones that answer with something that
+is not HTTP or with nothing at all, one that redirects back to where it
+started and one that redirects to ever new targets. Each poll fails with its own log line and
 lasterror, the feed's items stay, the daemon goes on answering its clients,
 and a good feed afterwards is polled as always. All cases run in one daemon,
 one after the other; the endless redirect chain is ended by the fetch's
 deadline (20 s), which is most of this file's time."""
+import select
 import socket
 import struct
 import time
@@ -41,6 +42,8 @@ class FaultyServer:
             reset(conn)
         elif path == "/garbage":
             conn.sendall(b"SSH-2.0-OpenSSH_9.2\r\n\x00\xff\xfe binary \x1b[2J\r\n\r\n<rss>")
+        elif path == "/silent":
+            select.select([conn], [], [], 60)  # until the daemon hangs up
         elif path == "/binary":
             conn.sendall(bytes(range(256)) * 8)
             reset(conn)
@@ -108,6 +111,8 @@ def test_faults_fail_their_poll_and_the_next_good_poll_works(ns):
     # No status line: no usable response at all.
     p.poll("/garbage", "no connection to server [%s]", 1)
     p.poll("/binary", "no connection to server [%s]", 1)
+    # Not a byte: the wait's time-out (3 s) gives up on it.
+    p.poll("/silent", "no connection to server [%s]", 1)
     # Back to where it started: the loop is seen and its status kept.
     p.poll("/loop-a", "got HTTP error 302 [%s]", 302)
     # Ever new targets: ended by the fetch's deadline like a lost connection.
