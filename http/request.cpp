@@ -1,8 +1,8 @@
 // httpcli exchange: resolving and connecting without blocking, sending the
 // request and receiving the response, every wait bounded by the context's
 // time-out and by what is left of the fetch's deadline, and the response
-// bounded in size. An https URL runs the same
-// exchange through a TLS session (http/tls.h) on the same socket.
+// bounded in size. An https URL runs the same exchange through a TLS session
+// (http/tls.h) on the same socket.
 #include "http/httpcli.h"
 
 #include <algorithm>

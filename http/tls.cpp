@@ -27,6 +27,7 @@
 #define KELP_TLS_NEEDS_PSA 1
 #endif
 
+#include "http/deadline.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -213,7 +214,8 @@ int handshake(const httpcli_ctx *ctx, http_tls *t)
         if (ret != MBEDTLS_ERR_SSL_WANT_READ && ret != MBEDTLS_ERR_SSL_WANT_WRITE)
             return fail_code(t, "handshake", ret);
         if (!wait_as_asked(ctx, t, ret))
-            return fail(t, "handshake: no answer within the time-out");
+            return fail(t, http_fetch_expired() ? "handshake: the fetch's deadline passed"
+                                                : "handshake: no answer within the time-out");
     }
     if (http_tls_observer)
         report_success(t);
