@@ -1,6 +1,7 @@
 // httpcli: fetches one document by URL with a blocking HTTP/1.1 GET, every
-// wait bounded by the context's time-out; follows redirects with loop
-// detection, decodes chunked bodies in place and bounds the response size.
+// wait bounded by the context's time-out and the whole fetch by a deadline;
+// follows redirects with loop detection, decodes chunked bodies in place and
+// bounds the response size.
 #pragma once
 #include <cstdint>
 
@@ -38,10 +39,18 @@ enum {
 
 inline constexpr uint32_t bufsizestep = 2048;
 inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = 196608;
+// Seconds one fetch may take, connect, request, response and every redirect
+// hop together, on the monotonic clock: the per-wait time-out alone lets a
+// server that trickles a byte per wait hold the caller for days. A fetch
+// that runs out ends with HTTPCLI_NO_CONNECTION and no body. Host name
+// resolution is the one step it cannot cut short.
+inline constexpr float HTTPCLI_FETCH_DEADLINE = 20.0f;
 
 extern httpcli_ctx http_default_context;
 extern const char *http_extra_headers;
 extern const char *http_line_end;
+// The deadline every fetch gets, HTTPCLI_FETCH_DEADLINE; only tests change it.
+extern float http_fetch_deadline;
 
 uint32_t buffadd(httpcli_ctx *ctx, httpcli_buffer *b, const void *data, uint32_t n);
 uint32_t buffadd_str(httpcli_ctx *ctx, httpcli_buffer *b, const char *text);

@@ -1,11 +1,12 @@
-// httpcli entry point: one fetch with its redirects. The uri stack records
-// every target followed (" target" each) so that a chain returning to one of
-// them ends instead of looping.
+// httpcli entry point: one fetch with its redirects, all on one deadline. The
+// uri stack records every target followed (" target" each) so that a chain
+// returning to one of them ends instead of looping.
 #include "http/httpcli.h"
 
 #include <cstdio>
 #include <cstring>
 
+#include "http/deadline.h"
 #include "http/tls.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
@@ -91,6 +92,9 @@ int http_get_redir(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http
     KD_ASSERT(resp!=((void *)0));
     KD_ASSERT(res!=((void *)0));
     KD_ASSERT(uristack!=((void *)0));
+    // One deadline for the whole chain: a server that redirects to ever new
+    // targets is stopped by it as a trickling one is.
+    http_fetch_clock clock;
     // Each pass is one hop; a loop rather than recursion keeps a long chain
     // from exhausting the stack.
     for (;;) {

@@ -1,7 +1,8 @@
 // httpcli exchange: resolving and connecting without blocking, sending the
 // request and receiving the response, every wait bounded by the context's
-// time-out and the response bounded in size. An https URL runs the same
-// exchange through a TLS session (http/tls.h) on the same socket.
+// time-out and by what is left of the fetch's deadline, and the response
+// bounded in size. An https URL runs the same exchange through a TLS session
+// (http/tls.h) on the same socket.
 #include "http/httpcli.h"
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "http/deadline.h"
 #include "http/tls.h"
 #include "platform/slab.h"
 #include "util/kd_fd.h"
@@ -22,6 +24,26 @@
 namespace {
 
 constexpr size_t recv_block = 1560;
+
+// Reception ended because the fetch's deadline passed (never a result code).
+constexpr int deadline_passed = -1;
+
+// Bound of one wait: the context's time-out, cut to the `left_ns` the fetch
+// has left, rounded up so that a wait that ran out finds the deadline passed.
+timeval wait_bound(const httpcli_ctx *ctx, int64_t left_ns)
+{
+    // A negative, NaN or absurd time-out would make the conversion undefined.
+    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(t);
+    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
+    int64_t left_us = left_ns / 1000 + (left_ns % 1000 != 0);
+    if (left_us < static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec) {
+        tv.tv_sec = static_cast<time_t>(left_us / 1000000);
+        tv.tv_usec = static_cast<suseconds_t>(left_us % 1000000);
+    }
+    return tv;
+}
 
 // Everything one exchange holds, released in a fixed order on every path.
 struct exchange {
@@ -87,12 +109,16 @@ bool send_request(const httpcli_ctx *ctx, int fd, const httpcli_buffer *req)
     return true;
 }
 
-// Reads until the peer closes, a wait ends empty-handed, or the size bound is
-// passed: HTTPCLI_TRUNCATED, HTTPCLI_NO_MEMORY or 0.
+// Reads until the peer closes, a wait ends empty-handed, the size bound is
+// passed or the deadline: HTTPCLI_TRUNCATED, HTTPCLI_NO_MEMORY,
+// deadline_passed or 0.
 int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
 {
     char block[recv_block];
     for (;;) {
+        // Checked at every pass: a peer may keep the socket readable.
+        if (http_fetch_expired())
+            return deadline_passed;
         ssize_t n = recv(fd, block, sizeof block, 0);
         if (n >= 0) {
             buffadd(ctx, resp, block, static_cast<uint32_t>(n));
@@ -103,7 +129,8 @@ int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
             if (n == 0)
                 return 0;
         } else if (errno != EAGAIN || !http_wait(ctx, fd, false)) {
-            return 0; // also EINTR: the caller gets what arrived before the signal
+            // also EINTR: the caller gets what arrived before the signal
+            return http_fetch_expired() ? deadline_passed : 0;
         }
     }
 }
@@ -112,14 +139,14 @@ int receive(httpcli_ctx *ctx, int fd, httpcli_buffer *resp)
 int receive_tls(httpcli_ctx *ctx, http_tls *t, httpcli_buffer *resp)
 {
     char block[recv_block];
-    for (size_t n; (n = http_tls_recv(ctx, t, block, sizeof block)) > 0;) {
+    for (size_t n; !http_fetch_expired() && (n = http_tls_recv(ctx, t, block, sizeof block)) > 0;) {
         buffadd(ctx, resp, block, static_cast<uint32_t>(n));
         if (!resp->start)
             return HTTPCLI_NO_MEMORY;
         if (resp->len > HTTPCLI_MAX_RESPONSE)
             return HTTPCLI_TRUNCATED;
     }
-    return 0;
+    return http_fetch_expired() ? deadline_passed : 0;
 }
 
 // Reception and parsing: the status, or one of the client's codes.
@@ -132,6 +159,8 @@ int take_response(httpcli_ctx *ctx, const exchange &x, httpcli_buffer *resp, htt
     int code = HTTPCLI_NO_CONNECTION;
     if (rc == HTTPCLI_NO_MEMORY) {
         code = rc;
+    } else if (rc == deadline_passed) {
+        resp->len = 0; // a fetch that ran out of time delivers nothing
     } else if (resp->start && resp->len >= 4) {
         int parsed = strip_response(ctx, resp, res);
         code = rc == HTTPCLI_TRUNCATED ? rc : parsed;
@@ -159,17 +188,16 @@ int tls_exchange(httpcli_ctx *ctx, exchange *x, httpcli_buffer *resp, http_resul
 } // namespace
 
 // Waits until fd is readable or writable; false on time-out, failure (a
-// signal too: the exchange ends with what has arrived), or when the socket is
-// not the one reported.
+// signal too: the exchange ends with what has arrived), when the socket is
+// not the one reported, or when the fetch's deadline has passed.
 bool http_wait(const httpcli_ctx *ctx, int fd, bool writable)
 {
     if (fd >= FD_SETSIZE) // select cannot watch it without overrunning the set
         return false;
-    // A negative, NaN or absurd time-out would make the conversion undefined.
-    float t = ctx->timeout >= 0.0f ? std::min(ctx->timeout, 1e8f) : 0.0f;
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(t);
-    tv.tv_usec = static_cast<suseconds_t>((t - static_cast<float>(tv.tv_sec)) * 1000000);
+    int64_t left = http_fetch_left_ns();
+    if (left == 0)
+        return false;
+    timeval tv = wait_bound(ctx, left);
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
@@ -182,6 +210,9 @@ int http_request(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_r
 {
     KD_ASSERT(ctx!=((void *)0));
     KD_ASSERT(url!=((void *)0));
+    http_fetch_clock clock; // a hop of a redirect chain runs on the chain's clock
+    if (http_fetch_expired())
+        return HTTPCLI_NO_CONNECTION;
     exchange x(ctx);
     x.uri = static_cast<http_uri *>(kd_calloc(1, sizeof(http_uri)));
     if (!x.uri)

@@ -2,7 +2,8 @@
 // non-blocking socket. The server's chain is checked against the CA bundle
 // (KELP_TLS_CA_FILE) and its certificate against the URL's host, which also
 // goes out as SNI; TLS 1.2 at least, 1.3 where the library has it. Every wait
-// for the socket is one http_wait, bounded by the context's time-out.
+// for the socket is one http_wait, bounded by the context's time-out and the
+// fetch's deadline.
 #include "http/tls.h"
 
 #include <algorithm>
@@ -26,6 +27,7 @@
 #define KELP_TLS_NEEDS_PSA 1
 #endif
 
+#include "http/deadline.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
 
@@ -212,7 +214,8 @@ int handshake(const httpcli_ctx *ctx, http_tls *t)
         if (ret != MBEDTLS_ERR_SSL_WANT_READ && ret != MBEDTLS_ERR_SSL_WANT_WRITE)
             return fail_code(t, "handshake", ret);
         if (!wait_as_asked(ctx, t, ret))
-            return fail(t, "handshake: no answer within the time-out");
+            return fail(t, http_fetch_expired() ? "handshake: the fetch's deadline passed"
+                                                : "handshake: no answer within the time-out");
     }
     if (http_tls_observer)
         report_success(t);

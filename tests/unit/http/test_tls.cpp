@@ -160,6 +160,30 @@ TEST_F(TlsTest, SilentServerEndsTheHandshakeAfterOneWait)
     EXPECT_NE(reports[0].find("|handshake: no answer within the time-out"), std::string::npos) << reports[0];
 }
 
+TEST_F(TlsTest, TricklingHandshakeEndsAtTheFetchDeadline)
+{
+    float saved = http_fetch_deadline;
+    http_fetch_deadline = 0.4f;
+    raw_server srv([](int fd) {
+        char buf[4096];
+        recv(fd, buf, sizeof buf, 0); // the client's hello
+        // A handshake record announcing 1 KiB, then a byte every 20 ms: each
+        // wait is served, the record never completes before the deadline.
+        const unsigned char head[] = {0x16, 0x03, 0x03, 0x04, 0x00};
+        send(fd, head, sizeof head, MSG_NOSIGNAL);
+        for (int i = 0; i < 400; i++) {
+            pollfd p = {fd, POLLIN, 0};
+            if (poll(&p, 1, 20) != 0)
+                return; // the client has gone
+            send(fd, "", 1, MSG_NOSIGNAL);
+        }
+    });
+    EXPECT_EQ(get(srv.url()), HTTPCLI_NO_CONNECTION);
+    http_fetch_deadline = saved;
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_NE(reports[0].find("|handshake: the fetch's deadline passed"), std::string::npos) << reports[0];
+}
+
 TEST_F(TlsTest, RefusedPortIsNoConnectionWithoutReport)
 {
     int s = socket(AF_INET, SOCK_STREAM, 0);

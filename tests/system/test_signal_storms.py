@@ -1,0 +1,184 @@
+"""Signals while the daemon is busy. SIGTERM that arrives while a poll holds
+the loop is served as soon as the poll has ended (the served signals are
+blocked outside the wait), so the daemon ends cleanly: exit 0, pid file
+gone, clients let go; a server that never finishes cannot delay that beyond
+the fetch's deadline. Storms of SIGHUP and SIGUSR2 from a loop while clients
+send requests and polls run: every request is answered exactly, the
+verbosity steps through its cycle one served signal at a time, every status
+dump is whole (no other line inside it), and the daemon works afterwards."""
+import os
+import re
+import select
+import signal
+import threading
+import time
+
+from kelpd_helpers import PIDFILE, has
+from refresh_helpers import Client, Site, doc, entry, feed, overview, profile, set_rss, start_all
+
+BASE = "http://other.test:8080/"
+COURTESY = "SIGUSR2 usage courtesy of jov :)"
+SLAB = re.compile(r"^slab statistics of kelpd")
+HOLD = 60  # the fetch's deadline, with room for a slow (sanitized) daemon
+
+
+class SlowServer:
+    """other.test:8080/slow: the headers and the start of a feed, then a
+    blank every second (so no single wait runs out) until `release` is set,
+    then the rest; without `release`, until the daemon hangs up."""
+
+    def __init__(self, ns):
+        self.mid_body = threading.Event()
+        self.release = threading.Event()
+        ns.serve_http(self.handle, host="127.0.0.2", port=8080)
+
+    def handle(self, data, conn):
+        text = feed("K", "L").encode("latin-1")
+        cut = text.index(b"<item>")
+        conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\n\r\n" + text[:cut])
+        self.mid_body.set()
+        while not self.release.wait(1):
+            if select.select([conn], [], [], 0)[0]:
+                return  # the daemon hung up
+            conn.sendall(b" ")
+        conn.sendall(text[cut:])
+
+
+def term_during_poll(ns):
+    server = SlowServer(ns)
+    url = BASE + "slow"
+    _, pid = start_all(ns, doc(entry(1, url), profile(1, 1)))
+    c = Client(ns)
+    assert c.login(1).startswith("OK\tlogin\t")
+    assert server.mid_body.wait(15)
+    ns.signal(pid, signal.SIGTERM)
+    return server, pid, c, url
+
+
+def ended_cleanly(ns, pid, c):
+    assert ns.wait_exit(pid, timeout=HOLD) == 0
+    assert has(ns, "received terminate signal")
+    ns.syslog.wait_for("shutting down with exit code 0")
+    assert not os.path.exists(ns.path(PIDFILE))
+    # The connected client was let go, not left hanging.
+    c.sock.settimeout(15)
+    while c.sock.recv(1 << 16):
+        pass
+
+
+def test_sigterm_while_a_poll_is_mid_body_ends_after_the_poll(ns):
+    server, pid, c, url = term_during_poll(ns)
+    server.release.set()
+    ended_cleanly(ns, pid, c)
+    # The poll in progress was finished, not cut off by the signal.
+    texts = ns.syslog.texts()
+    assert texts.index("HTTP OK [%s]" % url) < texts.index("received terminate signal")
+
+
+def test_sigterm_while_the_server_never_finishes_ends_at_the_deadline(ns):
+    server, pid, c, url = term_during_poll(ns)
+    ended_cleanly(ns, pid, c)
+    texts = ns.syslog.texts()
+    assert texts.index("no connection to server [%s]" % url) < texts.index("received terminate signal")
+    server.release.set()
+
+
+def requester(c, profile_id, n, failures):
+    want = "OK\taccounts\tdomain:rss\tprofile_id:%d\tname:News\tfeed_id:1" % profile_id
+    try:
+        for i in range(n):
+            got = c.request("accounts\tdomain:rss\tprofile_id:%d" % profile_id)
+            if got != want:
+                failures.append((profile_id, i, got))
+    except Exception as e:  # noqa: BLE001 - reported by the test, not lost in the thread
+        failures.append((profile_id, "raised", repr(e)))
+
+
+def storm(pid, stop, sent, minimum):
+    while not stop.is_set() or sent[0] < minimum:
+        os.kill(pid, signal.SIGHUP)
+        os.kill(pid, signal.SIGUSR2)
+        sent[0] += 1
+        time.sleep(0.002)
+
+
+def check_dumps_whole(ns):
+    """Every dump's syslog listing runs from its first line to its slab line
+    with nothing foreign inside."""
+    texts = ns.syslog.texts()
+    starts = [i for i, t in enumerate(texts) if t == COURTESY]
+    assert starts
+    for i in starts:
+        end = next(j for j in range(i, len(texts)) if SLAB.search(texts[j]))
+        inside = texts[i:end]
+        assert "RSS-Feed structure:" in inside and "Podcast structure:" in inside, inside
+        foreign = [t for t in inside if t.startswith(("received ", "verbosity set to", "HTTP OK"))]
+        assert not foreign, inside
+    return len(starts)
+
+
+def check_verbosity_cycle(ns, start):
+    """Each served SIGHUP steps the verbosity by exactly one."""
+    names = {0: "shut up :)"}
+    sets = [t for t in ns.syslog.texts() if t.startswith("verbosity set to: ")]
+    assert sets
+    for k, t in enumerate(sets):
+        v = (start + k + 1) % 5
+        assert t == "verbosity set to: %s" % names.get(v, v), (k, sets)
+    return (start + len(sets)) % 5
+
+
+def test_hangup_and_dump_storms_during_requests_and_polls(ns):
+    # Smaller counts under the sanitizers: the same assertions, less waiting.
+    n = 100 if ns.sanitize else 300
+    site = Site(ns)
+    titles = ["K", "L"]
+    site.put("a.xml", feed(*titles))
+    site.start()
+    url = "http://feeds.test/a.xml"
+    _, pid = start_all(ns, doc(entry(1, url), profile(1, 1) + profile(2, 1)))
+    watcher = Client(ns)
+    assert watcher.login(1).startswith("OK\tlogin\t")
+    watcher.wait_push(overview(1, [(0, 0, "K"), (1, 0, "L")]))
+    askers = [Client(ns), Client(ns)]
+    for k, c in enumerate(askers):
+        assert c.login(k + 1).startswith("OK\tlogin\t")
+
+    failures, sent, stop = [], [0], threading.Event()
+    threads = [threading.Thread(target=requester, args=(c, k + 1, n, failures)) for k, c in enumerate(askers)]
+    stormer = threading.Thread(target=storm, args=(pid, stop, sent, n))
+    for t in threads + [stormer]:
+        t.start()
+    # Polls during the storm: each new URL is polled at once, and the new
+    # item on top reaches the watching client.
+    for k in range(3):
+        titles.insert(0, "New %d" % k)
+        site.put("a.xml", feed(*titles))
+        set_rss(ns, doc(entry(1, "%s?%d" % (url, k)), profile(1, 1) + profile(2, 1)))
+        watcher.wait_push(re.compile(r"overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:%d\t.*"
+                                     r"\tsubject:New %d\tuid:.*" % (len(titles), k)), timeout=30)
+    for t in threads:
+        t.join(120)
+    stop.set()
+    stormer.join(60)
+    assert not failures, failures[:5]
+    assert sent[0] >= n
+
+    # One more of each, served on their own: the state is still consistent.
+    marker = ns.syslog.count(COURTESY)
+    os.kill(pid, signal.SIGUSR2)
+    ns.syslog.wait_count(COURTESY, marker + 1)
+    ns.syslog.wait_count(SLAB, marker + 1)
+    before = len([t for t in ns.syslog.texts() if t.startswith("verbosity set to: ")])
+    os.kill(pid, signal.SIGHUP)
+    ns.syslog.wait_count(re.compile("^verbosity set to: "), before + 1)
+    check_verbosity_cycle(ns, 4)
+    dumps = check_dumps_whole(ns)
+    assert 1 < dumps <= sent[0] + 1
+    with open(ns.path("/var/tmp/kelpd.log")) as f:
+        text = f.read()
+    assert re.fullmatch(r"RSS pool:\n\[News\] %s\?2  \[#refs=2 #children=5 nextuid=5 poll=600 lasterror=0 "
+                        r"due=\d+\]\nPodcast pool:\n" % re.escape(url), text), text
+    assert askers[0].request("accounts\tdomain:rss\tprofile_id:1") == \
+        "OK\taccounts\tdomain:rss\tprofile_id:1\tname:News\tfeed_id:1"
+    assert ns.alive(pid)
