@@ -42,17 +42,19 @@ class Mix:
             return self.rng.choice(c.logins)
         return self.rng.choice(fx.DOMAINS), self.rng.choice(fx.PROFILES)
 
-    def _login(self, c, domain, profile, v):
+    def login(self, c, domain, profile, v):
+        """A login; an accepted version becomes the connection's even when
+        the rest of the login fails."""
+        req = "login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile)
+        fields = "domain:%s\tprofile_id:%d" % (domain, profile)
         if v not in (2, 3):
-            return "login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile), \
-                "ERROR\tlogin\t7:KD_VERSION_NOT_SUPPORTED\tdomain:%s\tprofile_id:%d" % (domain, profile), None
+            return req, "ERROR\tlogin\t7:KD_VERSION_NOT_SUPPORTED\t" + fields, None
         c.api = v
         if domain not in fx.DOMAINS:
-            return "login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile), \
-                "ERROR\tlogin\t14:KD_DOMAIN_NOT_FOUND\tdomain:%s\tprofile_id:%d" % (domain, profile), v
+            return req, "ERROR\tlogin\t14:KD_DOMAIN_NOT_FOUND\t" + fields, v
         if (domain, profile) not in c.logins:
             c.logins.append((domain, profile))
-        return "login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile), fx.login_answer(domain, profile), v
+        return req, fx.login_answer(domain, profile), v
 
     def _logout(self, c, domain, profile):
         req = "logout\tdomain:%s\tprofile_id:%d" % (domain, profile)
@@ -133,7 +135,7 @@ class Mix:
             return req, "ERROR\taccounts\t9:KD_NOT_LOGGED_IN\tdomain:%s\tprofile_id:%d" % (domain, profile), None
         if kind == "login":
             domain, profile = self.rng.choice(fx.DOMAINS), self.rng.choice(fx.PROFILES + (0, 99))
-            return self._login(c, domain, profile, self.rng.choice((2, 3)))
+            return self.login(c, domain, profile, self.rng.choice((2, 3)))
         if kind == "logout":
             domain, profile = self._profile(c)
             if (domain, profile) == c.home:
@@ -143,8 +145,8 @@ class Mix:
             return "status", "ERROR\tstatus\t9:KD_NOT_LOGGED_IN\tdomain:\tprofile_id:0", None
         if kind == "badlogin":
             if self.rng.random() < 0.5:
-                return self._login(c, "rss", 1, self.rng.choice((0, 1, 4)))
-            return self._login(c, "mail", 1, self.rng.choice((2, 3)))
+                return self.login(c, "rss", 1, self.rng.choice((0, 1, 4)))
+            return self.login(c, "mail", 1, self.rng.choice((2, 3)))
         if kind == "malformed":
             return self._malformed(c)
         return self.rng.choice(("bogus\tdomain:rss", "overview\tdomain:rss", "OK", "ERROR", " \n")), None, None
