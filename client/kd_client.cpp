@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "client/kd_msg.h"
+#include "client/kd_msg_limits.h"
 #include "client/kd_push.h"
 #include "config/kd_config.h"
 #include "platform/csock.h"
@@ -49,6 +50,17 @@ bool expected_recv_errno(int err)
 {
     return err == EAGAIN || err == EPIPE || err == ENETRESET || err == ECONNABORTED ||
            err == ECONNRESET || err == ESHUTDOWN;
+}
+
+// A packet larger than the socket's send buffer is refused outright, so the
+// buffer must take the largest block the daemon builds.
+void fit_largest_block(int fd)
+{
+    int fits = csock_fit_packets(fd, KD_MSG_MAX_BLOCK);
+    if (fits >= 0 && static_cast<uint32_t>(fits) >= KD_MSG_MAX_BLOCK)
+        return;
+    KD_LOG(1, LOG_WARNING, "client sd=%d takes messages of up to %d bytes only, not %u: longer ones are dropped",
+           fd, fits, KD_MSG_MAX_BLOCK);
 }
 
 void free_msg(kd_msg *msg)
@@ -141,6 +153,7 @@ int kd_new_connection(int fd, void *ctx)
     }
     c->handle = h;
     csock_want_write(h, 0); // only while blocks wait
+    fit_largest_block(fd);
     kd_client **head = cc->head;
     c->next = *head;
     if (*head)

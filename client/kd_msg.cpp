@@ -2,6 +2,7 @@
 // error words of the wire format, number formatting into one static buffer,
 // the in-place tab replacement of stored texts and the growing message buffer.
 #include "client/kd_msg.h"
+#include "client/kd_msg_limits.h"
 
 #include "platform/slab.h"
 
@@ -83,7 +84,8 @@ int msg_append(char **buf, uint32_t *capacity, uint32_t *used, const char *text)
     size_t cap = *capacity ? *capacity : 32;
     // Keep two spare bytes behind the text: the NUL and one more.
     while (len + 1 >= cap - *used) {
-        if (cap > UINT32_MAX / 2)
+        // Past the largest block no connection could take the message whole.
+        if (cap >= KD_MSG_MAX_BLOCK)
             return 0;
         cap *= 2;
     }

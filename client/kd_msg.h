@@ -83,5 +83,6 @@ const char *uint2str(uint32_t value);
 // Replaces each tab by a space in place; returns text (null stays null).
 char *tab2space(char *text);
 // Appends text (null appends nothing), doubling *capacity until two spare
-// bytes remain behind it; 0 when the buffer cannot grow (it is kept).
+// bytes remain behind it; 0 when the buffer cannot grow (it is kept) or would
+// pass KD_MSG_MAX_BLOCK.
 int msg_append(char **buf, uint32_t *capacity, uint32_t *used, const char *text);

@@ -16,17 +16,26 @@ namespace {
 
 char *data_of(kd_outblock *b) { return reinterpret_cast<char *>(b + 1); }
 
-// 1 sent, 0 would block, -1 failed (logged, broken set for a dead peer).
+constexpr int kTooLarge = -2;
+
+// 1 sent, 0 would block, -1 failed (logged, broken set for a dead peer),
+// kTooLarge when the socket can never take this block (logged).
 int try_send(kd_client *c, const char *buf, size_t count)
 {
+    int fd = csock_fileno(c->handle);
     // MSG_NOSIGNAL: a vanished peer must not kill the daemon with SIGPIPE.
-    ssize_t n = send(csock_fileno(c->handle), buf, count, MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t n = send(fd, buf, count, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n >= 0)
         return 1;
     int err = errno;
     if (err == EAGAIN || err == EWOULDBLOCK)
         return 0;
     KD_LOG(1, LOG_ERR, "send failed with %d", err);
+    if (err == EMSGSIZE) {
+        KD_LOG(1, LOG_ERR, "message of %zu bytes is larger than the send buffer of client sd=%d - dropped",
+               count, fd);
+        return kTooLarge;
+    }
     if (err == EPIPE || err == ECONNRESET) {
         KD_LOG(3, LOG_INFO, "connection is broken");
         c->broken = 1;
@@ -102,6 +111,11 @@ void kd_outq_drain(kd_client *c)
         int r = try_send(c, data_of(q->head), q->head->len);
         if (r == 0)
             return;
+        // Only this block is lost; the ones behind it still go out in order.
+        if (r == kTooLarge) {
+            pop(q);
+            continue;
+        }
         if (r < 0) {
             kd_outq_clear(q);
             break;

@@ -6,10 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "client/kd_msg_limits.h"
+
 struct kd_client;
 
 // Bytes a connection may have waiting before it counts as gone.
 inline constexpr uint32_t KD_OUTQ_MAX_BYTES = 256 * 1024;
+// The largest block must be able to wait, or a reader merely behind would be cut off.
+static_assert(KD_OUTQ_MAX_BYTES >= KD_MSG_MAX_BLOCK, "the queue must hold the largest block");
 
 struct kd_outblock {
     kd_outblock *next;

@@ -8,6 +8,7 @@
 #include "config/kd_merge.h"
 #include "feed/kd_node.h"
 #include "platform/dsldstat.h"
+#include "platform/slab.h"
 #include "platform/timeout.h"
 #include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
@@ -111,6 +112,12 @@ void kd_unlink_profile(kd_client *client, kd_profile *profile)
     KD_LOG(4, LOG_DEBUG, "unlinking profile %u from connection on sd %d", profile->profile_id,
            kd_client_fd(client));
     remove_first(profile->connections, &profile->nconns, client);
+    // The array grows by one slot per login and never shrinks: once the last
+    // connection has gone it is given back, so a burst of logins is not held.
+    if (profile->nconns == 0) {
+        kd_free(profile->connections);
+        profile->connections = nullptr;
+    }
     kd_client_drop_profile(client, profile);
     kd_refresh_timers();
 }

@@ -515,6 +515,36 @@ int csock_sockaddr_set_unix(struct sockaddr_un *addr, const char *path)
     return static_cast<int>(offsetof(struct sockaddr_un, sun_path) + len + 1);
 }
 
+namespace {
+
+// What the kernel keeps of an AF_UNIX socket's send buffer for itself: a
+// packet may be at most this much smaller than the buffer.
+constexpr int kUnixSendReserve = 32;
+
+int largest_packet(int fd)
+{
+    int have = 0;
+    socklen_t len = sizeof have;
+    if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &have, &len) != 0)
+        return -1;
+    return have - kUnixSendReserve;
+}
+
+} // namespace
+
+int csock_fit_packets(int fd, uint32_t packet)
+{
+    int now = largest_packet(fd);
+    if (now < 0 || packet > static_cast<uint32_t>(INT32_MAX - kUnixSendReserve) ||
+        static_cast<uint32_t>(now) >= packet)
+        return now;
+    int want = static_cast<int>(packet) + kUnixSendReserve;
+    // The forced size passes net.core.wmem_max but needs CAP_NET_ADMIN.
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &want, sizeof want) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &want, sizeof want);
+    return largest_packet(fd);
+}
+
 size_t csock_count(void)
 {
     size_t n = 0;

@@ -11,6 +11,7 @@
 // is let in before csock_select() returns.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 #include <sys/un.h>
 
 typedef void (*csock_cb)(int handle, void *ctx);
@@ -52,6 +53,12 @@ int csock_fileno(int handle);
 // Fills a local socket address; returns the address length, or -1 when the
 // path does not fit.
 int csock_sockaddr_set_unix(struct sockaddr_un *addr, const char *path);
+
+// Lets a connected local packet socket send packets of up to `packet` bytes:
+// a packet larger than the send buffer fails with EMSGSIZE, so the buffer is
+// raised (SO_SNDBUFFORCE where the process may, SO_SNDBUF otherwise). Returns
+// the largest packet the socket takes afterwards, -1 when it cannot be read.
+int csock_fit_packets(int fd, uint32_t packet);
 
 // Details callers rely on:
 // - csock_close() called from inside any callback (socket or timer) defers the

@@ -204,7 +204,8 @@ static void flush_output(rpc_conn *c)
         }
         c->out.off += size_t(n);
     }
-    c->out.len = c->out.off = 0;
+    // Drained: a burst of queued frames leaves no peak-sized buffer behind.
+    rpcw_buf_free(&c->out);
     csock_want_write(c->handle, 0);
 }
 

@@ -5,6 +5,7 @@
 // than kMaxPacket are refused. The HTTP side is reached only through the
 // table's wake hook, so sessions can be driven without a server.
 #pragma once
+#include "client/kd_msg_limits.h"
 #include "util/kd_fd.h"
 
 #include <cstdint>
@@ -19,6 +20,7 @@ namespace kweb {
 
 inline constexpr size_t kMaxQueueBytes = 4u << 20;
 inline constexpr size_t kMaxPacket = 512u << 10;
+static_assert(kMaxPacket >= KD_MSG_MAX_BLOCK, "every message kelpd builds must be taken");
 inline constexpr size_t kMaxSessions = 16;
 // A session whose page never opens its event stream is given up after this.
 inline constexpr int kAttachSeconds = 30;

@@ -94,7 +94,7 @@ int receive_within(const connection &c, int timeout_ms, std::string *text)
         return g_interrupted ? kExitOk : fail(kExitNoDaemon, std::string("poll failed: ") + strerror(errno));
     if (ready == 0)
         return kTimedOut;
-    // Messages have no size limit: ask the packet's length before taking it.
+    // Messages are up to 256 KiB long: ask the packet's length before taking it.
     char probe;
     ssize_t len = recv(c.fd(), &probe, 1, MSG_PEEK | MSG_TRUNC);
     if (len < 0)

@@ -1,5 +1,6 @@
 // The codec's small helpers: wire words of commands and errors, the shared
 // number buffer, tab replacement, and the message buffer's growth rule.
+#include "client/kd_msg_limits.h"
 #include "msg_fixture.h"
 
 #include <gtest/gtest.h>
@@ -79,6 +80,23 @@ TEST(MsgHelpers, FramingSizes)
     EXPECT_EQ(capacity_after(63), 128u);
     EXPECT_EQ(capacity_after(1000), 1024u);
     EXPECT_EQ(capacity_after(1023), 2048u);
+}
+
+TEST(MsgHelpers, GrowsUpToTheLargestBlockAndNoFurther)
+{
+    EXPECT_EQ(capacity_after(KD_MSG_MAX_BLOCK - 2), KD_MSG_MAX_BLOCK);
+    size_t live = slab_live_count();
+    char *buf = static_cast<char *>(kd_malloc(32));
+    buf[0] = '\0';
+    uint32_t cap = 32, used = 0;
+    std::string most(KD_MSG_MAX_BLOCK - 2, 'm');
+    ASSERT_EQ(msg_append(&buf, &cap, &used, most.c_str()), 1);
+    EXPECT_EQ(msg_append(&buf, &cap, &used, "x"), 0);
+    EXPECT_EQ(cap, KD_MSG_MAX_BLOCK);
+    EXPECT_EQ(used, most.size());
+    EXPECT_EQ(std::string(buf), most);
+    kd_free(buf);
+    EXPECT_EQ(slab_live_count(), live);
 }
 
 TEST(MsgHelpers, AppendsAccumulateAndKeepTwoSpareBytes)

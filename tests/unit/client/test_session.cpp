@@ -204,6 +204,28 @@ TEST_F(session, LogoutRemovesBothLinksAndKeepsTheConnection)
     EXPECT_EQ(request(a, "logout domain:rss profile_id:1").rfind("ERROR\tlogout\t9:", 0), 0u);
 }
 
+TEST_F(session, AProfileGivesItsConnectionsBackWhenTheLastOneLeaves)
+{
+    int a = connect_client();
+    int b = connect_client();
+    request(a, kLoginRss1);
+    request(b, kLoginRss1);
+    kd_profile *p = profile_in(g_rssproflist, 1);
+    ASSERT_NE(p->connections, nullptr);
+    request(a, "logout domain:rss profile_id:1");
+    EXPECT_NE(p->connections, nullptr);
+    request(b, "logout domain:rss profile_id:1");
+    EXPECT_EQ(p->nconns, 0u);
+    EXPECT_EQ(p->connections, nullptr);
+    // A later login makes a new array.
+    EXPECT_EQ(request(a, kLoginRss1).rfind("OK\tlogin\t", 0), 0u);
+    ASSERT_EQ(p->nconns, 1u);
+    EXPECT_EQ(p->connections[0], head->next);
+    hang_up(a);
+    pump();
+    EXPECT_EQ(p->connections, nullptr);
+}
+
 TEST_F(session, UnhandledCommandsGetNoAnswer)
 {
     int peer = connect_client();

@@ -240,6 +240,27 @@ TEST_F(RpcTest, DocumentOverTwoMebibytesRoundTrips)
     close_all();
 }
 
+TEST_F(RpcTest, ABufferOfSentFramesIsGivenBackOnceDrained)
+{
+    half();
+    ASSERT_TRUE(pump_until([] { return has(g_cli, 2); }));
+    size_t before = slab_live_bytes();
+    mxml_node_t *root = mxmlNewXML("1.0");
+    mxmlElementSetAttr(mxmlNewElement(root, "pool"), "text", std::string(100000, 'x').c_str());
+    ASSERT_EQ(rpc_send_req(cli, 0x10000003, 0, "rss", root), 0);
+    mxmlDelete(root);
+    // The peer reads the frame; what the client kept for it is released.
+    std::vector<char> got(200000);
+    size_t n = 0;
+    ASSERT_TRUE(pump_until([&] {
+        ssize_t r = recv(fds[1], got.data() + n, got.size() - n, MSG_DONTWAIT);
+        n += r > 0 ? size_t(r) : 0;
+        return n > 100000;
+    }));
+    EXPECT_EQ(slab_live_bytes(), before);
+    close_all();
+}
+
 TEST_F(RpcTest, RefusedSends)
 {
     pair();
