@@ -7,6 +7,7 @@
 //                        merged into itself, NEW (BASE with items on top)
 //                        merged into BASE; each the mean over many rounds
 //   config REPS N...     lines "config <N> <us>": one merge of N entries
+//   config-once N        one merge of N entries, for callgrind
 #include "bench/perf_driver.h"
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
@@ -137,6 +138,19 @@ int config_mode(int reps, int argc, char **argv)
     return 0;
 }
 
+// One merge of n entries over the running document, counted by callgrind
+// (run under valgrind --tool=callgrind --collect-atstart=no).
+int config_once(int n)
+{
+    std::string xml = config_doc(n, 10);
+    timed_config_merge(xml);
+    mxml_node_t *doc = mxmlLoadString(nullptr, xml.c_str(), MXML_OPAQUE_CALLBACK);
+    CALLGRIND_TOGGLE_COLLECT;
+    kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
+    CALLGRIND_TOGGLE_COLLECT;
+    return 0;
+}
+
 } // namespace
 
 // Unused here: the parse programs' hooks.
@@ -148,6 +162,8 @@ int main(int argc, char **argv)
     setup();
     if (argc == 5 && strcmp(argv[1], "feed") == 0)
         return feed_mode(atoi(argv[2]), perf::read_file(argv[3]), perf::read_file(argv[4]));
+    if (argc == 3 && strcmp(argv[1], "config-once") == 0)
+        return config_once(atoi(argv[2]));
     if (argc >= 4 && strcmp(argv[1], "config") == 0)
         return config_mode(atoi(argv[2]), argc - 3, argv + 3);
     fprintf(stderr, "usage: %s feed REPS BASE NEW | config REPS N...\n", argv[0]);

@@ -96,7 +96,7 @@ mxml_node_t *lookup_entry(const entry_index &ix, const char *id)
         return child_with_id(ix.pool, "entry", id);
     id_slot *end = ix.slots + ix.n;
     id_slot *s = std::lower_bound(ix.slots, end, id,
-                                        [](const id_slot &a, const char *v) { return strcmp(a.id, v) < 0; });
+                                  [](const id_slot &a, const char *v) { return strcmp(a.id, v) < 0; });
     return s != end && strcmp(s->id, id) == 0 ? s->entry : nullptr;
 }
 
