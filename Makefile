@@ -1,11 +1,14 @@
 # The two commands: `make check` runs every test (plain, then under ASan+UBSan,
 # then the HTTP tests against a build without TLS); `make demo` runs the main
-# job. Both install missing Debian packages first.
-.PHONY: check demo deps build build-asan build-notls test test-asan test-notls clean
+# job. Both install missing Debian packages first. `make bench` runs the
+# benchmarks (bench/README.md).
+.PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls clean
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_NOTLS ?= build-notls
+BUILD_BENCH ?= build-bench
+BENCH_REPS ?= 5
 CTEST_J    ?= 2
 
 deps:
@@ -38,8 +41,19 @@ test-notls: build-notls
 
 check: test test-asan test-notls
 
+# Benchmarks, not tests: an optimised tree, then every bench/suite_* through
+# bench/run.py, which prints one table and writes bench/results.json. -O2:
+# GCC 12 at -O3 raises a false -Wrestrict warning on std::string
+# concatenation in kelpctl, an error under -Werror.
+build-bench: deps
+	cmake -S . -B $(BUILD_BENCH) -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG"
+	cmake --build $(BUILD_BENCH)
+
+bench: build-bench
+	BENCH_REPS=$(BENCH_REPS) python3 bench/run.py --build $(BUILD_BENCH)
+
 demo: build
 	@scripts/demo.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH)

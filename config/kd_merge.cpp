@@ -2,6 +2,8 @@
 // their items, timers and errors) move from the old entries to the new ones
 // with the same "id", profile records move to the new profile elements, and
 // feeds that nothing references any more are freed with their timers.
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -42,6 +44,60 @@ mxml_node_t *child_with_id(mxml_node_t *parent, const char *name, const char *id
             return e;
     }
     return nullptr;
+}
+
+// A pool's entries sorted by "id" (document order among equal ids), so that
+// each subscription of a merge finds its entry in log time: a pool of a few
+// thousand entries subscribed by every profile would otherwise take seconds.
+// Small pools are searched in order, which is as quick there.
+constexpr uint32_t kIndexFrom = 32;
+
+struct id_slot {
+    const char *id;
+    uint32_t pos;
+    mxml_node_t *entry;
+};
+
+struct entry_index {
+    mxml_node_t *pool;
+    id_slot *slots; // null: no pool, or no memory (then searched in order)
+    uint32_t n;
+};
+
+bool slot_before(const id_slot &a, const id_slot &b)
+{
+    int c = strcmp(a.id, b.id);
+    return c < 0 || (c == 0 && a.pos < b.pos);
+}
+
+entry_index index_entries(mxml_node_t *pool)
+{
+    entry_index ix{pool, nullptr, 0};
+    uint32_t count = 0;
+    for (mxml_node_t *e = first_child(pool, "entry"); e; e = next_sibling(e, pool, "entry"))
+        count++;
+    if (count < kIndexFrom)
+        return ix;
+    ix.slots = static_cast<id_slot *>(kd_malloc(count * sizeof(id_slot)));
+    if (!ix.slots)
+        return ix;
+    uint32_t pos = 0;
+    for (mxml_node_t *e = first_child(pool, "entry"); e; e = next_sibling(e, pool, "entry"), pos++)
+        if (const char *id = mxmlElementGetAttr(e, "id"))
+            ix.slots[ix.n++] = {id, pos, e};
+    std::sort(ix.slots, ix.slots + ix.n, slot_before);
+    return ix;
+}
+
+// The first entry of the pool whose "id" equals id, as child_with_id finds it.
+mxml_node_t *lookup_entry(const entry_index &ix, const char *id)
+{
+    if (!ix.slots)
+        return child_with_id(ix.pool, "entry", id);
+    id_slot *end = ix.slots + ix.n;
+    id_slot *s = std::lower_bound(ix.slots, end, id,
+                                  [](const id_slot &a, const char *v) { return strcmp(a.id, v) < 0; });
+    return s != end && strcmp(s->id, id) == 0 ? s->entry : nullptr;
 }
 
 kd_node *node_of(mxml_node_t *entry)
@@ -96,20 +152,20 @@ void carry_poll(kd_node *n, mxml_node_t *old_entry, mxml_node_t *entry)
     timeout_restartex(n->timer, static_cast<uint32_t>(interval));
 }
 
-void merge_item(mxml_node_t *item, mxml_node_t *pool, mxml_node_t *old_pool)
+void merge_item(mxml_node_t *item, const entry_index &pool, const entry_index &old_pool)
 {
     const char *ref = mxmlElementGetAttr(item, "entry");
     if (!ref) {
         KD_LOG(2, LOG_INFO, "found stale item node without entry reference");
         return;
     }
-    mxml_node_t *entry = child_with_id(pool, "entry", ref);
+    mxml_node_t *entry = lookup_entry(pool, ref);
     if (!entry) {
         KD_LOG(2, LOG_INFO, "found item referencing non-existing entry '%s'", ref);
         return;
     }
     mxmlSetUserData(item, entry);
-    mxml_node_t *old_entry = child_with_id(old_pool, "entry", ref);
+    mxml_node_t *old_entry = lookup_entry(old_pool, ref);
     kd_node *n = take_feed(entry, old_entry);
     if (!n) {
         // Without a record the feed stays empty just as without the reference.
@@ -124,9 +180,13 @@ void merge_item(mxml_node_t *item, mxml_node_t *pool, mxml_node_t *old_pool)
 // Every subscription below profiles, at any depth, in document order.
 void merge_items(mxml_node_t *profiles, mxml_node_t *pool, mxml_node_t *old_pool)
 {
+    entry_index ix = index_entries(pool);
+    entry_index old_ix = index_entries(old_pool);
     for (mxml_node_t *it = mxmlFindElement(profiles, profiles, "item", nullptr, nullptr, MXML_DESCEND); it;
          it = mxmlFindElement(it, profiles, "item", nullptr, nullptr, MXML_DESCEND))
-        merge_item(it, pool, old_pool);
+        merge_item(it, ix, old_ix);
+    kd_free(ix.slots);
+    kd_free(old_ix.slots);
 }
 
 // Feeds of the old document that no new item took over are freed.

@@ -91,6 +91,18 @@ bool set_title(kd_item *item, mxml_node_t *title)
     return item->title != nullptr;
 }
 
+// Stripping shrinks a body (escaped markup often to half its size); the
+// record keeps it for as long as the item lives, so it gives the rest back.
+// Worth a reallocation only when that frees more than a malloc's rounding.
+void fit_body(kd_item *item, size_t copied)
+{
+    size_t len = strlen(item->body);
+    if (copied - len < 64)
+        return;
+    if (auto *fit = static_cast<char *>(kd_realloc(item->body, len + 1)))
+        item->body = fit;
+}
+
 void set_body(kd_item *item, mxml_node_t *element)
 {
     mxml_node_t *body = child(element, "description");
@@ -102,16 +114,21 @@ void set_body(kd_item *item, mxml_node_t *element)
         return;
     if (const char *text = opaque_text(body)) {
         item->body = kd_strndup(text, kdx_copy_limit);
-        if (item->body)
+        if (item->body) {
+            size_t copied = strlen(item->body);
             kdx_strip_html_tags(item, item->body);
+            fit_body(item, copied);
+        }
         return;
     }
     if (char *section = cdata_text(body)) {
         item->body = kd_strndup(section, kdx_copy_limit);
         if (!item->body)
             return;
+        size_t copied = strlen(item->body);
         kdx_strip_html_tags(item, item->body);
         cut_brackets(item->body);
+        fit_body(item, copied);
     }
 }
 

@@ -17,6 +17,15 @@ bool is_space(char c)
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
+// The entities feeds use most, with the values Mini-XML's table gives them,
+// answered without searching that table.
+struct common_entity {
+    const char *name;
+    size_t len;
+    int value;
+};
+constexpr common_entity kCommon[] = {{"amp", 3, 38}, {"lt", 2, 60}, {"gt", 2, 62}, {"quot", 4, 34}, {"nbsp", 4, 160}};
+
 // Value of the entity whose name runs from name to end (the ";"), -1 if unknown.
 int entity_value(char *name, char *end)
 {
@@ -26,6 +35,9 @@ int entity_value(char *name, char *end)
         // ISO 8859-1, never a wrapped small byte or a 0 that ends the text.
         return v > INT_MAX ? INT_MAX : static_cast<int>(v);
     }
+    for (const common_entity &c : kCommon)
+        if (static_cast<size_t>(end - name) == c.len && memcmp(name, c.name, c.len) == 0)
+            return c.value;
     *end = '\0';
     int v = mxmlEntityGetValue(name);
     *end = ';';

@@ -3,7 +3,7 @@
 # Idempotent: does nothing when everything is already there.
 set -euo pipefail
 pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
-      googletest libgtest-dev libgmock-dev libbenchmark-dev
+      googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
       python3 python3-pytest iproute2 util-linux curl nginx-light strace
       openssl ca-certificates
       libmicrohttpd-dev chromium chromium-driver python3-selenium)

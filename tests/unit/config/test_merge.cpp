@@ -120,6 +120,56 @@ TEST_F(merge_test, StaleAndDanglingItemsAreSkipped)
     EXPECT_EQ(feed_of(g_rssdomain, "1")->nrefs, 1u);
 }
 
+// A pool of a hundred entries, out of order, with a repeated id and an entry
+// without one; profile 1 subscribes four of them and one that does not exist.
+std::string big_pool_doc()
+{
+    std::string pool;
+    for (int i = 100; i >= 1; i--)
+        pool += entry(("e" + std::to_string(i)).c_str(), ("http://feeds.test/" + std::to_string(i)).c_str());
+    pool += entry("e50", "http://feeds.test/second-50") + "<entry url=\"http://feeds.test/no-id\"/>";
+    return doc_with(pool, profile("1", item("e100") + item("e50") + item("e1") + item("e77") + item("nope")));
+}
+
+void expect_big_pool_merged()
+{
+    mxml_node_t *prof = mxmlFindElement(g_rssdomain, g_rssdomain, "profile", nullptr, nullptr, MXML_DESCEND);
+    const char *want[] = {"http://feeds.test/100", "http://feeds.test/50", "http://feeds.test/1",
+                          "http://feeds.test/77"};
+    mxml_node_t *it = prof;
+    for (const char *url : want) {
+        it = mxmlFindElement(it, prof, "item", nullptr, nullptr, MXML_DESCEND);
+        auto *e = static_cast<mxml_node_t *>(mxmlGetUserData(it));
+        ASSERT_NE(e, nullptr) << url;
+        EXPECT_STREQ(mxmlElementGetAttr(e, "url"), url);
+        ASSERT_NE(mxmlGetUserData(e), nullptr) << url;
+        EXPECT_EQ(static_cast<kd_node *>(mxmlGetUserData(e))->nrefs, 1u);
+    }
+    EXPECT_TRUE(log_has_prio("found item referencing non-existing entry 'nope'", LOG_INFO));
+    mxml_node_t *second = mxmlFindElement(g_rssdomain, g_rssdomain, "entry", "url", "http://feeds.test/second-50",
+                                          MXML_DESCEND);
+    EXPECT_EQ(mxmlGetUserData(second), nullptr); // the first entry with an id wins
+}
+
+TEST_F(merge_test, LargePoolFindsEachSubscribedEntryByIdFirstOneWins)
+{
+    merge_rss(big_pool_doc());
+    expect_big_pool_merged();
+    kd_node *n77 = feed_of(g_rssdomain, "e77");
+    merge_rss(big_pool_doc()); // the records move to the new document's entries
+    expect_big_pool_merged();
+    EXPECT_EQ(feed_of(g_rssdomain, "e77"), n77);
+}
+
+TEST_F(merge_test, LargePoolWithoutMemoryForItsIndexIsMergedAllTheSame)
+{
+    mxml_node_t *doc = load_doc(big_pool_doc().c_str());
+    slab_fail_after(0); // the index of the new pool
+    kd_config_merge(&g_rssdomain, &g_rssproflist, doc);
+    slab_fail_after(-1);
+    expect_big_pool_merged();
+}
+
 TEST_F(merge_test, PollsStartOnlyWithSubscriberAndInternet)
 {
     merge_rss(kBase);

@@ -36,6 +36,27 @@ TEST_F(Item, PlainTitleKeepsMarkupAndWhitespace)
     EXPECT_STREQ(i->title, " a <b> ");
 }
 
+// The record keeps only the stripped text of a body, not the size of the
+// markup it came from (plain and CDATA bodies alike).
+TEST_F(Item, StrippedBodyHoldsOnlyItsText)
+{
+    std::string markup;
+    for (int i = 0; i < 20; i++)
+        markup += "&lt;p class=&quot;lead&quot;&gt;word&lt;/p&gt;";
+    for (const std::string &body : {markup, "<![CDATA[<p>" + std::string(300, 'x') + "</p><hr/><hr/><hr/><hr/><hr/>"
+                                                 "<hr/><hr/><hr/><hr/><hr/><hr/><hr/><hr/>]]>"}) {
+        p_.release();
+        kd_item *i = only("<item><title>T</title><description>" + body + "</description></item>");
+        ASSERT_NE(i, nullptr);
+        size_t text = strlen(i->body);
+        EXPECT_EQ(text, body == markup ? 80u : 300u);
+        size_t with_body = slab_live_bytes();
+        kd_free(i->body);
+        i->body = nullptr;
+        EXPECT_EQ(with_body - slab_live_bytes(), text + 1);
+    }
+}
+
 TEST_F(Item, CdataTitleIsStrippedAndHasHashZero)
 {
     kd_item *i = only("<item><title><![CDATA[ <b>Bold</b> &amp; more ]]></title></item>");
