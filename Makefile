@@ -53,6 +53,9 @@ clean:
 BUILD_CROSS      ?= build-cross
 BUILD_CROSS_TEST ?= build-cross-test
 CROSS_TOOLCHAIN  := cmake/armhf-toolchain.cmake
+# qemu-user passes an IPv6 route ioctl (struct in6_rtmsg) on as an IPv4
+# struct rtentry and fails it, so this one test cannot run emulated.
+CROSS_QEMU_UNTESTABLE := DsldstatDeathTest.EachCallReadsTheCurrentDefaultRoutes
 .PHONY: cross cross-deps
 
 cross-deps:
@@ -64,5 +67,5 @@ cross: cross-deps
 	cmake -S . -B $(BUILD_CROSS_TEST) -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DKELP_CROSS_STATIC=ON \
 	      -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN)
 	cmake --build $(BUILD_CROSS_TEST)
-	cd $(BUILD_CROSS_TEST) && ctest --output-on-failure -j$(CTEST_J) -E '^system_'
+	cd $(BUILD_CROSS_TEST) && GTEST_FILTER=-$(CROSS_QEMU_UNTESTABLE) ctest --output-on-failure -j$(CTEST_J) -E '^system_'
 # ------------------------------------------------------------------------------

@@ -56,6 +56,16 @@ def namespace(bindir):
     return kelpns.Namespace(bindir)
 
 
+def finish(ns):
+    """Closes the namespace; sanitizer reports or alarming log lines of the
+    programs fail the suite, as they fail a system test."""
+    ns.close()
+    problems = ns.problems()
+    if problems:
+        sys.exit("problems found while the suite ran:\n" + "\n".join(problems))
+    ns.remove()
+
+
 def stamp_of(ns, text, start, ident="kelpd", timeout=15):
     """Arrival time of the first record at or after index `start` (of all
     records) from `ident` whose text is `text`."""
@@ -78,7 +88,7 @@ def write(out, figures, series=()):
     with open(out, "w") as f:
         json.dump({"figures": list(figures), "series": list(series)}, f, indent=1)
     for fig in figures:
-        print("%-28s %10.3f %s  (%d values)" % (fig["name"], statistics.median(fig["values"]), fig["unit"],
-                                               len(fig["values"])))
+        med = statistics.median(fig["values"]) if fig["values"] else float("nan")
+        print("%-28s %10.3f %s  (%d values)" % (fig["name"], med, fig["unit"], len(fig["values"])))
     for s in series:
         print("%-28s %s -> %s %s" % (s["name"], s["x"], s["y"], s["unit"]))
