@@ -5,7 +5,10 @@
 // one answer awaited), then keeps exactly one --request outstanding: each
 // answer that begins "OK\t<word>\t" or "ERROR\t<word>\t" sends the next.
 // After --warmup seconds the answers are counted for --seconds; prints
-//   {"clients": N, "round_trips": C, "seconds": S, "rate": R, "reply_bytes": B}
+//   {"clients": N, "round_trips": C, "seconds": S, "rate": R, "reply_bytes": B,
+//    "server_cpu_us_per_rt": U}
+// U is the CPU time (user + system) that the process --server-pid used in
+// the counted window, per round trip (0 without --server-pid).
 //
 // Notification (--notify ROUNDS): the N connections log in with --login
 // and only listen; one more connection logs in with --trigger-login and
@@ -41,6 +44,7 @@ struct options {
     double warmup = 0.3;
     int notify_rounds = 0;
     unsigned first_uid = 0;
+    int server_pid = 0;
 };
 
 [[noreturn]] void die(const char *what)
@@ -52,6 +56,28 @@ struct options {
 double since(clock_type::time_point t0)
 {
     return std::chrono::duration<double>(clock_type::now() - t0).count();
+}
+
+// User plus system CPU time of a process so far, in microseconds (0 unknown).
+double cpu_us(int pid)
+{
+    if (pid <= 0)
+        return 0;
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    FILE *f = fopen(path, "r");
+    if (!f)
+        return 0;
+    char buf[1024];
+    size_t n = fread(buf, 1, sizeof buf - 1, f);
+    fclose(f);
+    buf[n] = '\0';
+    const char *p = strrchr(buf, ')');
+    unsigned long utime = 0, stime = 0;
+    // Fields after the command's closing parenthesis: state is the 3rd, utime the 14th.
+    if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime) != 2)
+        return 0;
+    return static_cast<double>(utime + stime) * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 int connect_to(const std::string &path)
@@ -169,11 +195,13 @@ int round_trips(const options &o)
     auto t0 = clock_type::now();
     bool measuring = false;
     clock_type::time_point m0;
+    double cpu0 = 0;
     epoll_event ev[256];
     for (;;) {
         if (!measuring && since(t0) >= o.warmup) {
             measuring = true;
             m0 = clock_type::now();
+            cpu0 = cpu_us(o.server_pid);
         }
         if (measuring && since(m0) >= o.seconds)
             break;
@@ -194,8 +222,10 @@ int round_trips(const options &o)
         }
     }
     double secs = since(m0);
-    printf("{\"clients\": %d, \"round_trips\": %ld, \"seconds\": %.4f, \"rate\": %.1f, \"reply_bytes\": %zd}\n",
-           o.clients, counted, secs, counted / secs, reply);
+    double cpu = cpu_us(o.server_pid) - cpu0;
+    printf("{\"clients\": %d, \"round_trips\": %ld, \"seconds\": %.4f, \"rate\": %.1f, \"reply_bytes\": %zd, "
+           "\"server_cpu_us_per_rt\": %.2f}\n",
+           o.clients, counted, secs, counted / secs, reply, counted ? cpu / static_cast<double>(counted) : 0.0);
     return 0;
 }
 
@@ -267,6 +297,7 @@ options parse(int argc, char **argv)
         else if (k == "--warmup") o.warmup = atof(v.c_str());
         else if (k == "--notify") o.notify_rounds = atoi(v.c_str());
         else if (k == "--first-uid") o.first_uid = static_cast<unsigned>(atoi(v.c_str()));
+        else if (k == "--server-pid") o.server_pid = atoi(v.c_str());
         else {
             fprintf(stderr, "kelp-bench-loadgen: unknown option %s\n", k.c_str());
             exit(2);
