@@ -4,7 +4,9 @@ arrival time of every syslog line kept), and the JSON the runner reads."""
 import argparse
 import json
 import os
+import socket
 import statistics
+import struct
 import sys
 import time
 
@@ -33,27 +35,51 @@ def require(bindir, *names):
         sys.exit("missing in %s: %s (build them first)" % (bindir, " ".join(missing)))
 
 
-_plain_ready = kelpns_io.SyslogReader._ready
+SO_TIMESTAMPNS = 35  # Linux; the socket module does not name it
+
+
+def kernel_stamp(sock, size=1 << 20):
+    """(bytes, the time the kernel queued them): one receive with the
+    socket's SO_TIMESTAMPNS stamp, so that a reader woken late still knows
+    when the block arrived. Without a stamp, the time now."""
+    data, anc, _, _ = sock.recvmsg(size, socket.CMSG_SPACE(16))
+    for level, kind, raw in anc:
+        if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS and len(raw) >= 16:
+            sec, nsec = struct.unpack("qq", raw[:16])
+            return data, sec + nsec / 1e9
+    return data, time.time()
+
+
+def stamp_arrivals(sock):
+    sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
 
 
 def _stamped_ready(self, s):
-    """Keeps, beside each record, the monotonic time it arrived."""
-    t = time.monotonic()
-    n = len(self._recs)
-    r = _plain_ready(self, s)
-    if len(self._recs) > n:
-        if not hasattr(self, "stamps"):
-            self.stamps = []
-        self.stamps.extend([t] * (len(self._recs) - n))
-    return r
+    """The syslog reader's step, keeping beside each record the time the
+    kernel queued its datagram (ns.syslog.stamps[i] for records()[i])."""
+    try:
+        data, t = kernel_stamp(s, 65536)
+    except OSError:
+        return False
+    with self._cond:
+        if data.startswith(self._SYNC):
+            self._synced = int(data[len(self._SYNC):])
+        else:
+            self._recs.append(kelpns_io.parse_syslog(data))
+            if not hasattr(self, "stamps"):
+                self.stamps = []
+            self.stamps.append(t)
+        self._cond.notify_all()
 
 
 def namespace(bindir):
-    """A private namespace as the system tests have it; ns.syslog.stamps[i]
-    is the arrival time of ns.syslog.records()[i]."""
+    """A private namespace as the system tests have it, whose syslog reader
+    keeps the arrival time of every line (see _stamped_ready)."""
     kelpns_io.SyslogReader._ready = _stamped_ready
     kelpns.set_subreaper()
-    return kelpns.Namespace(bindir)
+    ns = kelpns.Namespace(bindir)
+    stamp_arrivals(ns.syslog.sock)
+    return ns
 
 
 def finish(ns):
@@ -67,7 +93,7 @@ def finish(ns):
 
 
 def stamp_of(ns, text, start, ident="kelpd", timeout=15):
-    """Arrival time of the first record at or after index `start` (of all
+    """Arrival time (time.time() scale) of the first record at or after index `start` (of all
     records) from `ident` whose text is `text`."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
