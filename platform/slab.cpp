@@ -2,6 +2,7 @@
 // its size and tag, and a fixed table counts live blocks per tag.
 #include "platform/slab.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -19,12 +20,15 @@ struct tag_stat {
     size_t bytes;
 };
 
-// Header in front of every block; 16-byte aligned so the payload stays aligned.
-struct alignas(16) block_hdr {
+// Header in front of every block, aligned as malloc aligns (16 bytes on
+// x86_64, 8 on 32-bit ARM): the payload behind it keeps malloc's alignment,
+// and the header never claims more alignment than its block has.
+struct alignas(std::max_align_t) block_hdr {
     size_t size;
     tag_stat *tag;
     uint32_t magic;
 };
+static_assert(sizeof(block_hdr) % alignof(std::max_align_t) == 0);
 
 tag_stat g_tags[kTags];
 tag_stat g_overflow = {"(other)", 0, 0, 0};

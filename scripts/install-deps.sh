@@ -2,6 +2,37 @@
 # Installs the Debian packages that building, testing and the demo need.
 # Idempotent: does nothing when everything is already there.
 set -euo pipefail
+
+# --- cross build (make cross, make bench only) -------------------------------
+# `install-deps.sh --cross` installs the 32-bit ARM toolchain, the armhf
+# libraries kelpd and its unit tests link against (multiarch), and qemu-user
+# to run those tests here. Never part of `make check`.
+cross_deps() {
+  local arch=armhf
+  local cpkgs=(g++-arm-linux-gnueabihf qemu-user-static
+               libmxml-dev:$arch libmbedtls-dev:$arch libgtest-dev:$arch libgmock-dev:$arch)
+  local want=()
+  for p in "${cpkgs[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || want+=("$p")
+  done
+  [ ${#want[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing cross packages and not root: install them: ${want[*]}" >&2
+    exit 1
+  fi
+  echo "installing (cross): ${want[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  dpkg --print-foreign-architectures | grep -qx $arch || dpkg --add-architecture $arch
+  # A mirror caught mid-sync fails one index; what is already known may do.
+  apt-get update -qq || echo "apt-get update reported errors; trying with the indexes at hand" >&2
+  apt-get install -y -qq --no-install-recommends "${want[@]}"
+}
+if [ "${1:-}" = "--cross" ]; then
+  cross_deps
+  exit 0
+fi
+# -----------------------------------------------------------------------------
+
 pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
       python3 python3-pytest iproute2 util-linux curl nginx-light strace
