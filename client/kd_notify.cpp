@@ -2,7 +2,9 @@
 // being asked: overviews of subscriptions, fresh feed lists, and the internet
 // status with the retry timer that waits for the internet to come back.
 // Owns the overviews queued for one connection until the next turn of the
-// loop, so that a connection torn down meanwhile never receives them.
+// loop, so that a connection torn down meanwhile never receives them, and
+// holds them back while that connection's socket is still full, so that a
+// login to many large feeds never overruns a reader that is merely behind.
 #include "client/kd_notify.h"
 
 #include <cstring>
@@ -35,6 +37,10 @@ struct queued_overview {
 };
 
 queued_overview *g_queued;
+// Overviews whose connection still had blocks waiting, in the order their
+// timers fired; released when that connection's queue has drained.
+queued_overview *g_held;
+queued_overview **g_held_tail = &g_held;
 
 void unlist(queued_overview *q)
 {
@@ -74,12 +80,62 @@ bool still_subscribed(kd_client *c, kd_profile *p, mxml_node_t *item)
     return false;
 }
 
+void overview_timer(void *param, int);
+
+void hold(queued_overview *q)
+{
+    q->timer = 0;
+    q->next = nullptr;
+    *g_held_tail = q;
+    g_held_tail = &q->next;
+}
+
+// Takes out of the held list every overview of one connection (all of them
+// when client is null), in order; the rest keep theirs.
+queued_overview *take_held(kd_client *client)
+{
+    queued_overview *taken = nullptr, **tail = &taken;
+    g_held_tail = &g_held;
+    for (queued_overview *q = g_held, *next; q; q = next) {
+        next = q->next;
+        q->next = nullptr;
+        if (client && q->client != client) {
+            *g_held_tail = q;
+            g_held_tail = &q->next;
+            continue;
+        }
+        *tail = q;
+        tail = &q->next;
+    }
+    *g_held_tail = nullptr;
+    return taken;
+}
+
+void arm(queued_overview *q)
+{
+    q->timer = timeout_add(overview_timer, 0, q);
+    if (q->timer <= 0) {
+        kd_free(q);
+        return;
+    }
+    q->next = g_queued;
+    g_queued = q;
+}
+
 void overview_timer(void *param, int)
 {
     auto *q = static_cast<queued_overview *>(param);
     unlist(q);
-    if (still_subscribed(q->client, q->desc.profile, q->desc.subscription))
-        send_request(q->client, KD_CMD_OVERVIEW, &q->desc);
+    if (!still_subscribed(q->client, q->desc.profile, q->desc.subscription)) {
+        kd_free(q);
+        return;
+    }
+    // Built now, it would only wait behind the blocks already queued.
+    if (q->client->outq.head) {
+        hold(q);
+        return;
+    }
+    send_request(q->client, KD_CMD_OVERVIEW, &q->desc);
     kd_free(q);
 }
 
@@ -90,13 +146,7 @@ void queue_overview(kd_client *c, kd_profile *p, mxml_node_t *item, const char *
         return;
     q->client = c;
     q->desc = {item, p, domain};
-    q->timer = timeout_add(overview_timer, 0, q);
-    if (q->timer <= 0) {
-        kd_free(q);
-        return;
-    }
-    q->next = g_queued;
-    g_queued = q;
+    arm(q);
 }
 
 // An unasked answer ("accounts" or "status") built on the stack; the domain
@@ -182,6 +232,18 @@ void kd_drop_queued_overviews(kd_client *client)
         *pp = q->next;
         timeout_del(q->timer);
         kd_free(q);
+    }
+    for (queued_overview *q = take_held(client), *next; q; q = next) {
+        next = q->next;
+        kd_free(q);
+    }
+}
+
+void kd_release_held_overviews(kd_client *client)
+{
+    for (queued_overview *q = take_held(client), *next; q; q = next) {
+        next = q->next;
+        arm(q);
     }
 }
 

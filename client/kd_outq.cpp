@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include "client/kd_client.h"
+#include "client/kd_push.h"
 #include "platform/csock.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
@@ -95,7 +96,12 @@ int kd_outq_send(kd_client *client, const char *buf, size_t count)
     KD_ASSERT(client!=((void *)0));
     if (count == 0)
         return 1;
-    // Behind blocks already waiting, a new one must wait too: order is kept.
+    // The reader may have made room since the last turn of the loop.
+    if (client->outq.head)
+        kd_outq_drain(client);
+    if (client->broken)
+        return 0;
+    // Behind blocks still waiting, a new one must wait too: order is kept.
     if (client->outq.head)
         return enqueue(client, buf, count);
     int r = try_send(client, buf, count);
@@ -123,6 +129,8 @@ void kd_outq_drain(kd_client *c)
         pop(q);
     }
     csock_want_write(c->handle, 0);
+    if (!c->broken)
+        kd_release_held_overviews(c);
 }
 
 void kd_outq_clear(kd_outq *q)

@@ -15,8 +15,11 @@ extern int32_t g_retry_wait;
 // Queues, for the next turn of the loop, one overview per subscription of
 // the profile whose feed has items, for one connection.
 void schedule_overviews(kd_client *client, kd_profile *profile, const char *domain);
-// Drops the overviews still queued for a connection that is going away.
+// Drops the overviews still queued or held for a connection that is going away.
 void kd_drop_queued_overviews(kd_client *client);
+// A connection's queue has drained: its held overviews go out at the next
+// turn of the loop, in the order they were held.
+void kd_release_held_overviews(kd_client *client);
 // The feed list and all overviews of a profile, again, to all its connections.
 void new_client_view(kd_profile *p);
 // Timer callback and direct call: the internet status to every connection

@@ -10,6 +10,7 @@ import os
 import re
 import resource
 import signal
+import threading
 import time
 
 import load_driver
@@ -227,4 +228,52 @@ def test_an_overview_larger_than_a_default_send_buffer_arrives_whole(ns):
     assert cp.stdout.splitlines()[0] == "feed 1 (Big): 1000 items, 1000 new"
     assert len(cp.stdout.splitlines()) > 1000
     assert not [t for t in ns.syslog.texts() if t.startswith("send failed")]
+    assert ns.alive(pid)
+
+
+def test_a_login_to_many_large_feeds_gets_every_overview(ns):
+    # Twenty subscriptions whose overviews are 256 KiB blocks each: more at
+    # once than a socket and its queue's cap hold together. A login queues
+    # them all; a client that reads them as they come must get every one,
+    # not be cut off as if it had stopped reading.
+    feeds = 20
+    site = Site(ns)
+    titles = [long_subject(i) for i in range(1000)]
+    site.put("a.xml", '<?xml version="1.0"?><rss><channel><title>Big</title>%s</channel></rss>'
+             % "".join("<item><title>%s</title></item>" % t for t in titles))
+    site.start()
+    ns.start_configd()
+    doc = ('<?xml version="1.0"?>\n<pool>%s</pool>\n<profiles><profile id="1">%s</profile></profiles>\n'
+           % ("".join('<entry id="%d" url="http://feeds.test/a.xml?f=%d" name="Big" poll="600" />' % (f, f)
+                      for f in range(1, feeds + 1)),
+              "".join('<item entry="%d" />' % f for f in range(1, feeds + 1))))
+    for domain in fx.DOMAINS:
+        assert ns.configctl("set", domain, "-", input=doc).returncode == 0
+    _, pid = ns.start_kelpd("-vvv")
+    # The first login starts the polls; its connection reads their pushes
+    # away in the background.
+    first = Client(ns)
+    assert login_once_configured(first).startswith("OK\tlogin\t")
+    got_first = []
+
+    def read_first():
+        while len(got_first) < feeds:
+            got_first.append(first.message())
+
+    reader = threading.Thread(target=read_first)
+    reader.start()
+    for f in range(1, feeds + 1):
+        ns.syslog.wait_for("HTTP OK [http://feeds.test/a.xml?f=%d]" % f)
+    reader.join(60)
+    assert len(got_first) == feeds
+    start_line = len(ns.syslog.texts())
+    c = Client(ns)
+    assert c.login().startswith("OK\tlogin\t")
+    head = "overview\tdomain:rss\tprofile_id:1\tfeed_id:%d\tnumber:1000\tnumber_new:1000\t"
+    for f in range(1, feeds + 1):
+        text = c.message()
+        assert text.startswith(head % f), text[:80]
+        assert text.endswith("subject:" + titles[-1])
+    assert c.request("accounts\tdomain:rss\tprofile_id:1").startswith("OK\taccounts\t")
+    assert not [t for t in ns.syslog.texts()[start_line:] if t.startswith("send failed")]
     assert ns.alive(pid)

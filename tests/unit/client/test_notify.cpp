@@ -283,4 +283,89 @@ TEST_F(notify, StatusQueuedForAProfileFreedMeanwhileIsDropped)
     EXPECT_EQ(answer(peer), "");
 }
 
+// A login's overviews that find the connection's socket still full wait
+// until it has drained, instead of piling up behind it towards the cap.
+class held : public notify {
+protected:
+    int peer = -1;
+    kd_client *c = nullptr;
+
+    // Logs in to profile 1 (feeds 1 and 2 with items) with a tiny send
+    // buffer, and fills the socket before the login's overviews are due.
+    void login_into_full_socket()
+    {
+        merge_rss(kTwoProfiles);
+        fill_klm();
+        fill("2", {item(20, "R", "body R")});
+        peer = connect_client();
+        c = head;
+        int sz = 4096;
+        setsockopt(csock_fileno(c->handle), SOL_SOCKET, SO_SNDBUF, &sz, sizeof sz);
+        EXPECT_EQ(request(peer, "login v:3 domain:rss profile_id:1").rfind("OK\tlogin\t", 0), 0u);
+        std::string filler(1024, 'f');
+        for (int i = 0; i < 64 && !c->outq.head; i++)
+            ASSERT_EQ(client_send(c, filler.data(), filler.size()), 1);
+        ASSERT_NE(c->outq.head, nullptr);
+        client_send(c, filler.data(), filler.size());
+        pump(); // the overviews' turn: both are held
+    }
+
+    // Everything the peer gets, reading as a slow but steady client does.
+    std::vector<std::string> read_on()
+    {
+        std::vector<std::string> got;
+        for (int idle = 0; idle < 20;) {
+            pump();
+            std::string a = answer(peer);
+            if (a.empty()) {
+                idle++;
+                continue;
+            }
+            idle = 0;
+            got.push_back(a);
+        }
+        return got;
+    }
+};
+
+TEST_F(held, OverviewsWaitForAFullSocketAndFollowItsBlocksInOrder)
+{
+    login_into_full_socket();
+    EXPECT_GT(slab_live_count_for("kd_notify.cpp"), 0u);
+    auto got = read_on();
+    std::vector<std::string> overviews;
+    for (const auto &g : got) {
+        if (g[0] == 'f') {
+            EXPECT_TRUE(overviews.empty()) << "a held overview overtook a block queued before it";
+            continue;
+        }
+        overviews.push_back(g);
+    }
+    ASSERT_EQ(overviews.size(), 2u);
+    EXPECT_EQ(overviews[0].rfind("overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:3\t", 0), 0u) << overviews[0];
+    EXPECT_EQ(overviews[1].rfind("overview\tdomain:rss\tprofile_id:1\tfeed_id:2\tnumber:1\t", 0), 0u) << overviews[1];
+    EXPECT_EQ(slab_live_count_for("kd_notify.cpp"), 0u);
+    EXPECT_FALSE(log_has("send failed with 11"));
+    EXPECT_FALSE(c->broken);
+}
+
+TEST_F(held, HeldOverviewsOfATornDownConnectionAreDropped)
+{
+    login_into_full_socket();
+    ASSERT_GT(slab_live_count_for("kd_notify.cpp"), 0u);
+    kd_disconnect_client(head);
+    EXPECT_EQ(slab_live_count_for("kd_notify.cpp"), 0u);
+    pump();
+}
+
+TEST_F(held, AHeldOverviewOfAFeedUnsubscribedMeanwhileIsNotSent)
+{
+    login_into_full_socket();
+    merge_rss("<config><pool><entry id=\"1\" name=\"News\"/></pool><profiles>"
+              "<profile id=\"1\"><item entry=\"1\"/></profile></profiles></config>");
+    for (const auto &g : read_on())
+        EXPECT_NE(g.rfind("overview\tdomain:rss\tprofile_id:1\tfeed_id:2\t", 0), 0u) << g;
+    EXPECT_EQ(slab_live_count_for("kd_notify.cpp"), 0u);
+}
+
 } // namespace
