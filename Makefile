@@ -1,11 +1,12 @@
 # The two commands: `make check` runs every test (plain, then under ASan+UBSan,
 # then the HTTP tests against a build without TLS); `make demo` runs the main
 # job. Both install missing Debian packages first.
-.PHONY: check demo deps build build-asan build-notls test test-asan test-notls clean
+.PHONY: check demo deps build build-asan build-notls test test-asan test-notls fuzz clean
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_NOTLS ?= build-notls
+BUILD_FUZZ ?= build-fuzz
 CTEST_J    ?= 2
 
 deps:
@@ -38,8 +39,19 @@ test-notls: build-notls
 
 check: test test-asan test-notls
 
+# `make fuzz`: the libFuzzer programs in a clang tree, each run one after the
+# other from its committed corpus for FUZZ_TIME seconds (default 60) or
+# FUZZ_RUNS executions; what adds coverage is merged into fuzz/corpus/<target>.
+FUZZ_TARGETS ?= $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp)))
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELP_FUZZ=ON
+	cmake --build $(BUILD_FUZZ) --target $(FUZZ_TARGETS)
+	FUZZ_TIME='$(FUZZ_TIME)' FUZZ_RUNS='$(FUZZ_RUNS)' FUZZ_ARGS='$(FUZZ_ARGS)' \
+	  fuzz/run.sh $(BUILD_FUZZ) $(FUZZ_TARGETS)
+
 demo: build
 	@scripts/demo.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_FUZZ)
