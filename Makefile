@@ -1,14 +1,16 @@
 # The two commands: `make check` runs every test (plain, then under ASan+UBSan,
 # then the HTTP tests against a build without TLS); `make demo` runs the main
 # job. Both install missing Debian packages first. `make bench` runs the
-# benchmarks (bench/README.md).
-.PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls clean
+# benchmarks (bench/README.md), `make fuzz` the fuzzers (fuzz/README.md).
+.PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls fuzz clean
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_NOTLS ?= build-notls
 BUILD_BENCH ?= build-bench
 BENCH_REPS ?= 5
+
+BUILD_FUZZ ?= build-fuzz
 CTEST_J    ?= 2
 
 deps:
@@ -52,11 +54,22 @@ build-bench: deps
 bench: build-bench
 	BENCH_REPS=$(BENCH_REPS) python3 bench/run.py --build $(BUILD_BENCH)
 
+# `make fuzz`: the libFuzzer programs in a clang tree, each run one after the
+# other from its committed corpus for FUZZ_TIME seconds (default 60) or
+# FUZZ_RUNS executions; what adds coverage is merged into fuzz/corpus/<target>.
+FUZZ_TARGETS ?= $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp)))
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELP_FUZZ=ON
+	cmake --build $(BUILD_FUZZ) --target $(FUZZ_TARGETS)
+	FUZZ_TIME='$(FUZZ_TIME)' FUZZ_RUNS='$(FUZZ_RUNS)' FUZZ_ARGS='$(FUZZ_ARGS)' \
+	  fuzz/run.sh $(BUILD_FUZZ) $(FUZZ_TARGETS)
+
 demo: build
 	@scripts/demo.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_CROSS) $(BUILD_CROSS_TEST)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) $(BUILD_CROSS) $(BUILD_CROSS_TEST)
 
 # --- 32-bit ARM cross build ---------------------------------------------------
 # `make cross` installs the armhf toolchain and libraries (multiarch) and
@@ -83,3 +96,5 @@ cross: cross-deps
 	cmake --build $(BUILD_CROSS_TEST)
 	cd $(BUILD_CROSS_TEST) && GTEST_FILTER=-$(CROSS_QEMU_UNTESTABLE) ctest --output-on-failure -j$(CTEST_J) -E '^system_'
 # ------------------------------------------------------------------------------
+
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_FUZZ)

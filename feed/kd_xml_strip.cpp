@@ -97,19 +97,21 @@ const char *tag_end(const char *p)
     return nullptr;
 }
 
-bool image_known(const kd_item *item, const char *url, size_t len)
+// True when the image is already held, or the item holds all it may.
+bool image_refused(const kd_item *item, const char *url, size_t len)
 {
-    for (const kd_attachment *a = item->images; a; a = a->next) {
+    size_t n = 0;
+    for (const kd_attachment *a = item->images; a; a = a->next, n++) {
         // Prefix match on purpose: "x.png" is taken as already held by "x.png/big".
         if (a->url && strncmp(a->url, url, len) == 0)
             return true;
     }
-    return false;
+    return n >= kdx_attachment_limit;
 }
 
 void add_inline_image(kd_item *item, const char *url, size_t len, uint32_t offset)
 {
-    if (!len || image_known(item, url, len))
+    if (!len || image_refused(item, url, len))
         return;
     auto *a = static_cast<kd_attachment *>(kd_calloc(1, sizeof(kd_attachment)));
     if (!a)

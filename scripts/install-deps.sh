@@ -36,7 +36,7 @@ fi
 pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
       python3 python3-pytest iproute2 util-linux curl nginx-light strace
-      openssl ca-certificates
+      openssl ca-certificates clang libclang-rt-14-dev
       libmicrohttpd-dev chromium chromium-driver python3-selenium)
 missing=()
 for p in "${pkgs[@]}"; do
