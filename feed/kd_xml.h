@@ -14,19 +14,6 @@
 // can make the daemon hold.
 inline constexpr size_t kdx_copy_limit = 4096;
 
-// Most attributes one element of a feed document may have. Mini-XML checks
-// each new attribute against all earlier ones of its element, so tens of
-// thousands of them would hold the daemon's one thread for seconds; real
-// feeds use a few dozen at most. A document with a more crowded element is
-// read as if it broke off there with an XML error.
-inline constexpr size_t kdx_attribute_limit = 256;
-
-// Most images and most enclosures one item keeps; later ones are skipped.
-// Each new one is checked against all held before it, so thousands of tiny
-// img tags would cost quadratic time, and every one is held until the next
-// poll; real items carry a handful.
-inline constexpr size_t kdx_attachment_limit = 256;
-
 // State of one parse, handed to the SAX callback.
 struct kdx_parse_state {
     const char *url; // feed URL as configured; base for site-relative attachment URLs

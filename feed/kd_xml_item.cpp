@@ -236,15 +236,13 @@ bool is_image(const char *s, size_t minlen)
     return s && strlen(s) >= minlen && strncmp(s, "image", 5) == 0;
 }
 
-// True when url is already in the list, or the list holds all it may.
-bool attachment_refused(const kd_attachment *list, const char *url)
+bool url_held(const kd_attachment *list, const char *url)
 {
-    size_t n = 0;
-    for (; list; list = list->next, n++) {
+    for (; list; list = list->next) {
         if (url && list->url && strcmp(list->url, url) == 0)
             return true;
     }
-    return n >= kdx_attachment_limit;
+    return false;
 }
 
 void add_attachment(kd_item *item, mxml_node_t *match, const char *urlattr)
@@ -259,7 +257,7 @@ void add_attachment(kd_item *item, mxml_node_t *match, const char *urlattr)
         list = &item->images;
         type = "image/*";
     }
-    if (attachment_refused(*list, url))
+    if (url_held(*list, url))
         return;
     auto *a = static_cast<kd_attachment *>(kd_calloc(1, sizeof(kd_attachment)));
     if (!a)

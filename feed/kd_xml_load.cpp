@@ -16,11 +16,6 @@ constexpr char kDeclEncoding[] = "\" encoding=\"";
 constexpr char kDeclEnd[] = "\" ?>";
 constexpr int kTruncated = 2; // the HTTP client's code for a body cut at its bound
 
-bool is_space(char c)
-{
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
 // The HTTP/1.1 separators, which end a charset value.
 bool is_separator(unsigned char c)
 {
@@ -125,73 +120,6 @@ bool prepare_body(const char *content_type, char **body, kdx_charset_info *info)
     return !pad || enlarge_body(body, strlen(*body), 0, pad);
 }
 
-// Pointer just past the first `end` at or after p, or to the terminator.
-const char *skip_past(const char *p, const char *end)
-{
-    const char *q = strstr(p, end);
-    return q ? q + strlen(end) : p + strlen(p);
-}
-
-bool ends_token(char c)
-{
-    return c == '\0' || c == '=' || c == '>' || c == '/' || is_space(c);
-}
-
-// Number of "=" in the tag opened at *p, which moves to the tag's end. A
-// quote opens a quoted run only where a name or value starts, as in the
-// loader; inside a bare name it is an ordinary character.
-size_t count_attributes(const char **p)
-{
-    const char *r = *p + 1;
-    size_t n = 0;
-    while (*r && *r != '>') {
-        if (*r == '"' || *r == '\'') {
-            const char *close = strchr(r + 1, *r);
-            r = close ? close + 1 : r + strlen(r);
-            continue;
-        }
-        if (ends_token(*r)) {
-            n += *r++ == '=';
-            continue;
-        }
-        while (!ends_token(*r))
-            r++;
-    }
-    *p = r;
-    return n;
-}
-
-// First tag of body with more than kdx_attribute_limit attributes, or null.
-// Every attribute needs its "=", so counting them never counts too few;
-// comments, CDATA sections and processing instructions hold no attributes.
-char *crowded_element(char *body)
-{
-    const char *p = body;
-    while ((p = strchr(p, '<')) != nullptr) {
-        const char *tag = p;
-        if (strncmp(p, "<!--", 4) == 0)
-            p = skip_past(p + 4, "-->");
-        else if (strncmp(p, "<![CDATA[", 9) == 0)
-            p = skip_past(p + 9, "]]>");
-        else if (p[1] == '?')
-            p = skip_past(p + 2, "?>");
-        else if (count_attributes(&p) > kdx_attribute_limit)
-            return body + (tag - body);
-    }
-    return nullptr;
-}
-
-// Ends the document before an element too crowded to load; false if none.
-bool cut_crowded_element(char *body)
-{
-    char *tag = crowded_element(body);
-    if (!tag)
-        return false;
-    *tag = '\0';
-    KD_LOG(1, LOG_ERR, "xml error: element with more than %zu attributes", kdx_attribute_limit);
-    return true;
-}
-
 // The title goes to the caller, also after an XML error; dropped when the
 // caller asked for none.
 void hand_over_title(char *title, char **out)
@@ -235,15 +163,13 @@ kd_node *kdx_parse_feed_charset(int status, const char *url, const char *content
     }
     if (info->cut)
         status = kTruncated; // cut at the bound like any download that outgrew it
-    bool crowded = cut_crowded_element(*body);
     mxml_node_t *tree = mxmlSAXLoadString(nullptr, *body, MXML_OPAQUE_CALLBACK,
                                           kdx_new_node_from_rss, &st);
     hand_over_title(st.title, title);
     if (tree)
         mxmlDelete(tree); // every needed text has been copied into the items
-    // The conversion ends at an invalid sequence, which is an XML error there,
-    // as is an element with too many attributes.
-    if ((!tree || info->invalid || crowded) && status == 200) {
+    // The conversion ends at an invalid sequence, which is an XML error there.
+    if ((!tree || info->invalid) && status == 200) {
         kdn_free_feed(feed);
         return nullptr;
     }

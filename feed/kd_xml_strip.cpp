@@ -97,21 +97,19 @@ const char *tag_end(const char *p)
     return nullptr;
 }
 
-// True when the image is already held, or the item holds all it may.
-bool image_refused(const kd_item *item, const char *url, size_t len)
+bool image_known(const kd_item *item, const char *url, size_t len)
 {
-    size_t n = 0;
-    for (const kd_attachment *a = item->images; a; a = a->next, n++) {
+    for (const kd_attachment *a = item->images; a; a = a->next) {
         // Prefix match on purpose: "x.png" is taken as already held by "x.png/big".
         if (a->url && strncmp(a->url, url, len) == 0)
             return true;
     }
-    return n >= kdx_attachment_limit;
+    return false;
 }
 
 void add_inline_image(kd_item *item, const char *url, size_t len, uint32_t offset)
 {
-    if (!len || image_refused(item, url, len))
+    if (!len || image_known(item, url, len))
         return;
     auto *a = static_cast<kd_attachment *>(kd_calloc(1, sizeof(kd_attachment)));
     if (!a)

@@ -121,9 +121,8 @@ CASES = [
     ('deep_nesting', deep_nesting, [('', False, 200, 'parsed', 3, 4, 20 * MB),
                                     ('.cut', True, 2, 'parsed', None, 4, 12 * MB)]),
     ('entities', entities, [('', False, 200, 'parsed', 11, None, 2 * MB)]),
-    # One element too crowded: an XML error where it starts.
-    ('attribute_storm', attribute_storm, [('', False, 200, 'refused', 0, 4, 2 * MB),
-                                          ('.truncated', False, 2, 'parsed', 1, 4, 2 * MB)]),
+    # One crowded element: slow in the XML library, but read like any other.
+    ('attribute_storm', attribute_storm, [('', False, 200, 'parsed', 2, 4, 4 * MB)]),
     ('attribute_forest', attribute_forest, [('', False, 200, 'parsed', 120, 4, 4 * MB)]),
     ('image_storm', image_storm, [('', False, 200, 'parsed', 1, 4, 4 * MB)]),
     # A channel title cut short is never closed, so it is never reported.

@@ -202,13 +202,12 @@ TEST_F(Hostile, ManyInlineImages)
                        "]]></content:encoded></item>"));
     auto items = p_.items();
     ASSERT_EQ(items.size(), 1u);
-    // The first ones in document order are kept; the list's head is the last kept.
-    EXPECT_EQ(count_list(items[0]->images), static_cast<int>(kdx_attachment_limit));
-    EXPECT_EQ(items[0]->images->offset, kdx_attachment_limit - 1);
-    EXPECT_STREQ(items[0]->images->url, "http://example.com:8080/i255.png");
+    // Every one is kept, however many: the list's head is the last one.
+    EXPECT_EQ(count_list(items[0]->images), 3000);
+    EXPECT_EQ(items[0]->images->offset, 2999u);
 }
 
-TEST_F(Hostile, ManyEnclosuresAndMediaImages)
+TEST_F(Hostile, ManyEnclosuresAndMediaImagesAreAllKept)
 {
     std::string xml;
     for (int i = 0; i < 600; i++)
@@ -217,10 +216,8 @@ TEST_F(Hostile, ManyEnclosuresAndMediaImages)
     p_ = parse_doc(rss("<item><title>t</title>" + xml + "</item>"));
     auto items = p_.items();
     ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(count_list(items[0]->enclosures), static_cast<int>(kdx_attachment_limit));
-    EXPECT_EQ(count_list(items[0]->images), static_cast<int>(kdx_attachment_limit));
-    EXPECT_STREQ(items[0]->enclosures->url, "http://example.com:8080/e255.mp3");
-    EXPECT_STREQ(items[0]->images->url, "http://example.com:8080/m255");
+    EXPECT_EQ(count_list(items[0]->enclosures), 600);
+    EXPECT_EQ(count_list(items[0]->images), 600);
 }
 
 // n attributes a0="0" ... on one element.
@@ -232,51 +229,17 @@ std::string attributes(size_t n)
     return s;
 }
 
-TEST_F(Hostile, ElementWithTooManyAttributesEndsTheDocument)
+// An attribute storm costs time (the XML library compares each new
+// attribute with the earlier ones) but is read like any element.
+TEST_F(Hostile, ElementWithThousandsOfAttributesIsRead)
 {
-    std::string doc = rss("<item><title>a</title></item><item><title>b</title><enclosure" +
-                          attributes(kdx_attribute_limit + 1) + " url=\"/x\"/></item>");
-    p_ = parse_doc(doc, 200);
-    EXPECT_EQ(p_.feed, nullptr);
-    EXPECT_STREQ(p_.title, "Chan"); // the channel title closed before
-    p_.release();
-    p_ = parse_doc(doc, 2);
-    ASSERT_NE(p_.feed, nullptr);
-    ASSERT_EQ(p_.items().size(), 1u);
-    EXPECT_STREQ(p_.items()[0]->title, "a");
-}
-
-TEST_F(Hostile, ElementAtTheAttributeLimitIsRead)
-{
-    // The url attribute makes it exactly the limit.
-    p_ = parse_doc(rss("<item><title>b</title><enclosure" + attributes(kdx_attribute_limit - 1) +
+    p_ = parse_doc(rss("<item><title>a</title></item><item><title>b</title><enclosure" + attributes(3000) +
                        " url=\"/x\"/></item>"));
     ASSERT_NE(p_.feed, nullptr);
-    ASSERT_EQ(p_.items().size(), 1u);
-    ASSERT_NE(p_.items()[0]->enclosures, nullptr);
-    EXPECT_STREQ(p_.items()[0]->enclosures->url, "http://example.com:8080/x");
-}
-
-TEST_F(Hostile, QuotesAndBracketsDoNotHideAttributes)
-{
-    // A ">" or a quote inside a value, and a quote inside a bare name, must
-    // not end the count early.
-    std::string attrs = " v=\">'\"";
-    for (size_t i = 0; i < kdx_attribute_limit; i++)
-        attrs += " n" + std::to_string(i) + "'=\"1\"";
-    p_ = parse_doc(rss("<item><title>a</title></item><item" + attrs + "><title>b</title></item>"), 2);
-    ASSERT_NE(p_.feed, nullptr);
-    EXPECT_EQ(p_.items().size(), 1u);
-}
-
-TEST_F(Hostile, EqualSignsInTextCommentsAndCdataAreNoAttributes)
-{
-    std::string eq(3000, '=');
-    p_ = parse_doc(rss("<!-- " + eq + " --><item><title>a " + eq + "</title><description><![CDATA[<p " +
-                       eq + ">]]></description></item>"));
-    ASSERT_NE(p_.feed, nullptr);
-    ASSERT_EQ(p_.items().size(), 1u);
-    EXPECT_EQ(strlen(p_.items()[0]->title), 3002u);
+    ASSERT_EQ(p_.items().size(), 2u);
+    const kd_item *b = p_.items()[0]->enclosures ? p_.items()[0] : p_.items()[1];
+    ASSERT_NE(b->enclosures, nullptr);
+    EXPECT_STREQ(b->enclosures->url, "http://example.com:8080/x");
 }
 
 TEST_F(Hostile, TextAndSecondRootAfterInsertedDeclarationAreTolerated)
