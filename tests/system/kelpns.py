@@ -254,7 +254,11 @@ http {
     def start_kelpd(self, *args, prog=None, env=None, wait_pidfile=True, timeout=15):
         """Runs kelpd; returns (parent's CompletedProcess, daemon pid or None).
         Returns once the pid file names the daemon, or the daemon has ended."""
-        cp = self.run([prog or self.bin("kelpd")] + list(args), env=env, timeout=timeout)
+        # kelpd counts every 'v' of its arguments, its own path included, into
+        # the start verbosity: the build tree's path (a checkout anywhere) must
+        # not count, so the built daemon runs with the plain name "kelpd".
+        argv = [prog] if prog else ["bash", "-c", 'exec -a kelpd "$0" "$@"', self.bin("kelpd")]
+        cp = self.run(argv + list(args), env=env, timeout=timeout)
         m = re.search(r"kelpd started with pid \[(\d+)\]", cp.stdout or "")
         if not m:
             return cp, None
