@@ -19,6 +19,7 @@
 
 #include "http/httpcli.h"
 #include "platform/slab.h"
+#include "tests/unit/http/loopback.h"
 
 namespace {
 
@@ -29,15 +30,7 @@ class pacing_server {
     using serve_fn = std::function<void(int fd, int n)>;
     explicit pacing_server(serve_fn serve) : serve_(std::move(serve))
     {
-        lfd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(lfd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        listen(lfd_, 8);
-        socklen_t l = sizeof sa;
-        getsockname(lfd_, reinterpret_cast<sockaddr *>(&sa), &l);
-        port_ = ntohs(sa.sin_port);
+        lfd_ = kelp_test::loopback_listener(&port_);
         thread_ = std::thread([this] { run(); });
     }
     ~pacing_server()

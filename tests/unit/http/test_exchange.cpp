@@ -21,6 +21,7 @@
 
 #include "http/httpcli.h"
 #include "platform/slab.h"
+#include "tests/unit/http/loopback.h"
 
 namespace {
 
@@ -38,15 +39,7 @@ class scripted_server {
   public:
     explicit scripted_server(std::vector<script> s) : scripts_(std::move(s))
     {
-        lfd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(lfd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        listen(lfd_, 8);
-        socklen_t l = sizeof sa;
-        getsockname(lfd_, reinterpret_cast<sockaddr *>(&sa), &l);
-        port_ = ntohs(sa.sin_port);
+        lfd_ = kelp_test::loopback_listener(&port_);
         thread_ = std::thread([this] { run(); });
     }
     ~scripted_server()

@@ -19,6 +19,7 @@
 #include "http/httpcli.h"
 #include "http/tls.h"
 #include "platform/slab.h"
+#include "tests/unit/http/loopback.h"
 
 namespace {
 
@@ -27,15 +28,7 @@ class raw_server {
   public:
     explicit raw_server(std::function<void(int)> serve) : serve_(std::move(serve))
     {
-        lfd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(lfd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        listen(lfd_, 8);
-        socklen_t l = sizeof sa;
-        getsockname(lfd_, reinterpret_cast<sockaddr *>(&sa), &l);
-        port_ = ntohs(sa.sin_port);
+        lfd_ = kelp_test::loopback_listener(&port_);
         thread_ = std::thread([this] { run(); });
     }
     ~raw_server()
