@@ -13,6 +13,7 @@ import pytest
 
 from kelpd_client import Client
 from kelpd_helpers import start
+from refresh_helpers import fnv
 
 STATE = "/var/lib/configd"
 RSS = STATE + "/rss.xml"
@@ -29,14 +30,6 @@ FEED = ('<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><ti
         + "</channel></rss>\n").encode()
 SAVED = "domain 'rss' saved"
 ERR = 3
-
-
-def fnv(text):
-    h = 0
-    for b in text.encode("latin-1"):
-        h = (h * 16777619) % (1 << 32)
-        h ^= b
-    return h
 
 
 def item(read):

@@ -8,6 +8,7 @@ import signal
 import subprocess
 
 from kelpd_client import Client
+from refresh_helpers import fnv
 
 URL = "http://feeds.test/a.xml"
 DOC = ('<?xml version="1.0"?>\n'
@@ -29,14 +30,6 @@ def rss(items):
                    % (title, title, body, extra))
     out.append("</channel></rss>\n")
     return "".join(out)
-
-
-def fnv(text):
-    h = 0
-    for b in text.encode("latin-1"):
-        h = (h * 16777619) % (1 << 32)
-        h ^= b
-    return h
 
 
 def serve(ns, items):
