@@ -49,13 +49,7 @@ class pacing_server {
   private:
     void run()
     {
-        while (!stop_) {
-            pollfd p = {lfd_, POLLIN, 0};
-            if (poll(&p, 1, 20) <= 0)
-                continue;
-            int fd = accept(lfd_, nullptr, nullptr);
-            if (fd < 0)
-                continue;
+        for (int fd; (fd = kelp_test::next_connection(lfd_, stop_)) >= 0;) {
             std::string req;
             char buf[4096];
             for (ssize_t r; req.find("\r\n\r\n") == std::string::npos && (r = recv(fd, buf, sizeof buf, 0)) > 0;)

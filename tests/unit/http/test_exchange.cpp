@@ -60,13 +60,7 @@ class scripted_server {
     void run()
     {
         size_t n = 0;
-        while (!stop_) {
-            pollfd p = {lfd_, POLLIN, 0};
-            if (poll(&p, 1, 20) <= 0)
-                continue;
-            int fd = accept(lfd_, nullptr, nullptr);
-            if (fd < 0)
-                continue;
+        for (int fd; (fd = kelp_test::next_connection(lfd_, stop_)) >= 0;) {
             serve(fd, scripts_[n < scripts_.size() ? n : scripts_.size() - 1]);
             n++;
             close(fd);

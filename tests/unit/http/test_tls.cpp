@@ -43,13 +43,7 @@ class raw_server {
   private:
     void run()
     {
-        while (!stop_) {
-            pollfd p = {lfd_, POLLIN, 0};
-            if (poll(&p, 1, 20) <= 0)
-                continue;
-            int fd = accept(lfd_, nullptr, nullptr);
-            if (fd < 0)
-                continue;
+        for (int fd; (fd = kelp_test::next_connection(lfd_, stop_)) >= 0;) {
             connections_++;
             serve_(fd);
             close(fd);
