@@ -202,15 +202,22 @@ def long_subject(i):
     return ("Item %04d " % i) + "".join(chr(ord("a") + (i + k) % 26) for k in range(150))
 
 
-def test_an_overview_larger_than_a_default_send_buffer_arrives_whole(ns):
-    # 1000 items of 160 characters: a text of about 185 kB, sent as a block
-    # of 256 KiB, more than a local socket's default send buffer takes.
+def serve_long_feed(ns):
+    """Serves feeds.test/a.xml, 1000 items with long subjects, and starts
+    configd; returns the subjects."""
     site = Site(ns)
     titles = [long_subject(i) for i in range(1000)]
     site.put("a.xml", '<?xml version="1.0"?><rss><channel><title>Big</title>%s</channel></rss>'
              % "".join("<item><title>%s</title></item>" % t for t in titles))
     site.start()
     ns.start_configd()
+    return titles
+
+
+def test_an_overview_larger_than_a_default_send_buffer_arrives_whole(ns):
+    # 1000 items of 160 characters: a text of about 185 kB, sent as a block
+    # of 256 KiB, more than a local socket's default send buffer takes.
+    titles = serve_long_feed(ns)
     doc = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.xml" name="Big" poll="600" />'
            '</pool>\n<profiles><profile id="1"><item entry="1" /></profile></profiles>\n')
     for domain in fx.DOMAINS:
@@ -237,12 +244,7 @@ def test_a_login_to_many_large_feeds_gets_every_overview(ns):
     # them all; a client that reads them as they come must get every one,
     # not be cut off as if it had stopped reading.
     feeds = 20
-    site = Site(ns)
-    titles = [long_subject(i) for i in range(1000)]
-    site.put("a.xml", '<?xml version="1.0"?><rss><channel><title>Big</title>%s</channel></rss>'
-             % "".join("<item><title>%s</title></item>" % t for t in titles))
-    site.start()
-    ns.start_configd()
+    titles = serve_long_feed(ns)
     doc = ('<?xml version="1.0"?>\n<pool>%s</pool>\n<profiles><profile id="1">%s</profile></profiles>\n'
            % ("".join('<entry id="%d" url="http://feeds.test/a.xml?f=%d" name="Big" poll="600" />' % (f, f)
                       for f in range(1, feeds + 1)),
