@@ -142,10 +142,13 @@ static bool fsync_dir(const std::string &dir)
 }
 
 // Writes the whole text durably; the descriptor is closed here so that a
-// failing close (a delayed write error) still counts.
+// failing close (a delayed write error) still counts. The file is made anew:
+// whatever stood at its name (a symbolic link planted there) is never written
+// through.
 static bool write_durably(const std::string &path, const char *text, int *err)
 {
-    kd_unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unlink(path.c_str());
+    kd_unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     bool ok = fd && fdio_write_all(fd.get(), text, strlen(text)) && fsync(fd.get()) == 0;
     *err = errno;
     if (fd && close(fd.release()) < 0 && ok) {

@@ -96,6 +96,22 @@ TEST_F(store_test, SaveThatCannotBeWrittenKeepsTheOldDocumentWhole)
     EXPECT_EQ(file("rss.xml"), rendered(big.c_str()));
 }
 
+// Whatever stands at the temporary file's name is replaced, never written
+// through: a link planted there leaves its target alone.
+TEST_F(store_test, SaveNeverWritesThroughALinkAtTheTemporaryName)
+{
+    put("victim", "untouched");
+    ASSERT_EQ(symlink((dir + "/victim").c_str(), (dir + "/.rss.xml.tmp").c_str()), 0);
+    std::string why;
+    ASSERT_TRUE(store(kOld, &why)) << why;
+    EXPECT_EQ(file("victim"), "untouched");
+    struct stat st;
+    ASSERT_EQ(lstat((dir + "/rss.xml").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(file("rss.xml"), rendered(kOld));
+    EXPECT_FALSE(exists(".rss.xml.tmp"));
+}
+
 TEST_F(store_test, LeftoversOfInterruptedSavesAreRemovedAndNothingElse)
 {
     put("rss.xml", kOld);
