@@ -151,7 +151,9 @@ run_kelpd() {
     say "starting: kelpd -vv"
     local out
     # A failed start is shown by its syslog lines below, not by ending here.
-    out=$(inside "$BIN/kelpd" -vv) || true
+    # kelpd counts every 'v' of its arguments, its own name included, so it
+    # runs as plain "kelpd" whatever the checkout's path holds.
+    out=$(inside bash -c 'exec -a kelpd "$0" "$@"' "$BIN/kelpd" -vv) || true
     echo "$out"
     DAEMON=$(echo "$out" | sed -n 's/^kelpd started with pid \[\([0-9]*\)\]$/\1/p')
 }
