@@ -8,6 +8,7 @@
 #include "feed/kd_xml_charset.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
+#include "util/kd_mxml.h"
 
 namespace {
 
@@ -64,16 +65,6 @@ void remove_bom(char *body)
         memmove(body, body + 3, strlen(body + 3) + 1);
 }
 
-// Bytes 0xFE/0xFF (never part of UTF-8) make Mini-XML switch to UTF-16,
-// where it reads up to three bytes past the terminator; such bodies get that
-// many zero bytes behind the terminator so the reads stay inside the buffer.
-constexpr size_t kUtf16Pad = 4;
-
-size_t padding_for(const char *body)
-{
-    return strpbrk(body, "\xFE\xFF") ? kUtf16Pad : 0;
-}
-
 // Enlarges *body to room + pad bytes after the terminator of its blen bytes,
 // the pad zero-filled; false without memory (*body then unchanged).
 bool enlarge_body(char **body, size_t blen, size_t room, size_t pad)
@@ -114,7 +105,8 @@ bool prepare_body(const char *content_type, char **body, kdx_charset_info *info)
     remove_bom(*body);
     if (!kdx_decode_body(content_type, body, info))
         return false;
-    size_t pad = padding_for(*body);
+    // Zero bytes behind the terminator keep Mini-XML's UTF-16 reads inside the body.
+    size_t pad = kd_mxml_pad_for(*body);
     if (strncmp(*body, "<?xml", 5) != 0)
         return insert_declaration(content_type, info->transcoded, body, pad);
     return !pad || enlarge_body(body, strlen(*body), 0, pad);

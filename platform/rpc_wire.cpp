@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 #include "platform/slab.h"
+#include "util/kd_mxml.h"
 
 void rpcw_buf_free(rpc_buf *b)
 {
@@ -227,18 +228,68 @@ static bool parses_under_holder(const char *text)
     return x != nullptr;
 }
 
-mxml_node_t *rpcw_parse_xml(const char *text)
+// A parse without a top node. Mini-XML makes a node with no parent for
+// whitespace after the root element, then refuses what follows as a second
+// root and frees only its first node; such strays are chained through their
+// user data and freed here.
+struct toplevel_parse {
+    long open = 0;
+    mxml_node_t *first = nullptr;
+    mxml_node_t *strays = nullptr;
+};
+
+static void sax_keep_toplevel(mxml_node_t *node, mxml_sax_event_t event, void *data)
 {
-    // The holder changes where top-level nodes hang, so the tree handed on
-    // comes from a second parse without a top node.
+    auto *p = static_cast<toplevel_parse *>(data);
+    sax_keep(node, event, &p->open);
+    if (event == MXML_SAX_ELEMENT_CLOSE || mxmlGetParent(node))
+        return;
+    if (!p->first) {
+        p->first = node;
+        return;
+    }
+    mxmlSetUserData(node, p->strays);
+    p->strays = node;
+}
+
+static void free_strays(mxml_node_t *stray)
+{
+    while (stray) {
+        auto *next = static_cast<mxml_node_t *>(mxmlGetUserData(stray));
+        mxmlDelete(stray);
+        stray = next;
+    }
+}
+
+// The holder changes where top-level nodes hang, so the tree handed on
+// comes from a second parse without a top node.
+static mxml_node_t *parse_strict(const char *text)
+{
     if (!parses_under_holder(text))
         return nullptr;
-    long open = 0;
-    mxml_node_t *x = mxmlSAXLoadString(nullptr, text, mxml_opaque_cb, sax_keep, &open);
-    if (x && open != 0) {
+    toplevel_parse p;
+    mxml_node_t *x = mxmlSAXLoadString(nullptr, text, mxml_opaque_cb, sax_keep_toplevel, &p);
+    free_strays(p.strays);
+    if (x && p.open != 0) {
         mxmlDelete(x);
         x = nullptr;
     }
+    return x;
+}
+
+mxml_node_t *rpcw_parse_xml(const char *text)
+{
+    size_t pad = kd_mxml_pad_for(text);
+    if (!pad)
+        return parse_strict(text);
+    // A copy with zero bytes behind its terminator, which Mini-XML may read.
+    size_t len = strlen(text);
+    auto *copy = static_cast<char *>(kd_calloc(1, len + 1 + pad));
+    if (!copy)
+        return nullptr;
+    memcpy(copy, text, len);
+    mxml_node_t *x = parse_strict(copy);
+    kd_free(copy);
     return x;
 }
 

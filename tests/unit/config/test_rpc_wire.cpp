@@ -1,6 +1,11 @@
 // The frame codec on its own: lengths, encodings, strict XML.
 #include <cstdarg>
+#include <cstring>
+#include <malloc.h>
 #include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 #include "platform/rpc_configd.h"
 #include "platform/rpc_wire.h"
@@ -81,6 +86,79 @@ TEST(RpcWire, StrictXml)
     EXPECT_STREQ(t, "<?xml version=\"1.0\"?>\n<pool> <entry id=\"1\" /> </pool>\n<profiles />\n");
     free(t);
     mxmlDelete(x);
+}
+
+// A text whose terminator is the last byte before an inaccessible page, so a
+// read past the terminator faults.
+class guarded_text {
+public:
+    explicit guarded_text(std::string_view s)
+    {
+        size_t page = size_t(sysconf(_SC_PAGESIZE));
+        span_ = (s.size() + 1 + page - 1) / page * page + page;
+        void *m = mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        map_ = m == MAP_FAILED ? nullptr : static_cast<char *>(m);
+        if (!map_ || mprotect(map_ + span_ - page, page, PROT_NONE) != 0)
+            return;
+        text_ = map_ + span_ - page - s.size() - 1;
+        memcpy(text_, s.data(), s.size());
+        text_[s.size()] = '\0';
+    }
+    ~guarded_text()
+    {
+        if (map_)
+            munmap(map_, span_);
+    }
+    const char *get() const { return text_; }
+
+private:
+    char *map_ = nullptr;
+    char *text_ = nullptr;
+    size_t span_ = 0;
+};
+
+// 0xFE 0xFF or 0xFF 0xFE inside a text switch Mini-XML to reading UTF-16
+// pairs, which read on past a terminator that falls inside a pair.
+TEST(RpcWire, Utf16SwitchInsideATextNeverReadsPastIt)
+{
+    const std::string_view texts[] = {
+        "<a>\xfe\xff\x4e\x2d\x4e",            // odd byte before the end (big-endian)
+        "<a>\xff\xfe\x2d",                      // the terminator starts a pair (little-endian)
+        "<a>\xfe\xff\xd8\x3d\xde",            // a surrogate pair cut short
+        "<pool b=\"\xfe\xff\x4e\x2d\x4e",
+        "<?xml version=\"1.0\"?><pool/><profiles>\xfe\xff\x4e",
+    };
+    size_t live = slab_live_count();
+    for (std::string_view t : texts) {
+        guarded_text g(t);
+        ASSERT_NE(g.get(), nullptr);
+        mxml_node_t *x = rpcw_parse_xml(g.get());
+        EXPECT_EQ(x, nullptr) << "well-formed: " << t;
+        if (x)
+            mxmlDelete(x);
+    }
+    EXPECT_EQ(slab_live_count(), live);
+    // A text without those bytes is read where it lies.
+    guarded_text plain("<?xml version=\"1.0\"?><pool/><profiles/>");
+    mxml_node_t *x = rpcw_parse_xml(plain.get());
+    EXPECT_NE(x, nullptr);
+    if (x)
+        mxmlDelete(x);
+}
+
+// Whitespace after the root element and then a second root: Mini-XML refuses
+// the text, and the whitespace node it made on the way must not be lost.
+TEST(RpcWire, RefusedSecondRootLeavesNoMemoryBehind)
+{
+    const char *texts[] = {"<a></a>\n<!-- c -->", "<a></a>\n<", "<a/>\n<b/>", "<a></a> \n\t<?pi?>"};
+    for (const char *t : texts)
+        EXPECT_EQ(rpcw_parse_xml(t), nullptr) << t;
+    size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 10000; i++)
+        for (const char *t : texts)
+            rpcw_parse_xml(t);
+    // Leaked, the whitespace nodes would hold some 4 MB by now.
+    EXPECT_LT(mallinfo2().uordblks, before + 65536);
 }
 
 TEST(RpcWire, UnknownIdIsWellFormedButUnknown)
