@@ -7,32 +7,6 @@
 
 #include "platform/slab.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define FUZZ_WITH_LSAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define FUZZ_WITH_LSAN 1
-#endif
-#endif
-#ifdef FUZZ_WITH_LSAN
-#include <sanitizer/lsan_interface.h>
-#endif
-
-// Brackets a call whose leaks belong to a third-party library, not to kelp.
-inline void fuzz_ignore_leaks_begin()
-{
-#ifdef FUZZ_WITH_LSAN
-    __lsan_disable();
-#endif
-}
-
-inline void fuzz_ignore_leaks_end()
-{
-#ifdef FUZZ_WITH_LSAN
-    __lsan_enable();
-#endif
-}
-
 #define FUZZ_CHECK(expr)                                                                   \
     do {                                                                                   \
         if (!(expr)) {                                                                     \

@@ -9,6 +9,7 @@
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
 #include "fuzz/fuzz_check.h"
+#include "platform/rpc_wire.h"
 
 namespace {
 
@@ -23,27 +24,13 @@ bool configd_accepts(mxml_node_t *root)
     return true;
 }
 
-// Mini-XML 3.3.1 leaks nodes when text without a top node fails to parse
-// (a broken root tag, a second root). A probe whose leaks are ignored sorts
-// such text out, so that leaks reported here are the daemon's own.
 void quiet(const char *) {}
 
-bool parses(const std::string &text)
-{
-    mxmlSetErrorCallback(quiet);
-    fuzz_ignore_leaks_begin();
-    mxml_node_t *probe = mxmlLoadString(nullptr, text.c_str(), MXML_OPAQUE_CALLBACK);
-    if (probe)
-        mxmlDelete(probe);
-    fuzz_ignore_leaks_end();
-    return probe != nullptr;
-}
-
+// Documents reach kelpd through the frame codec's strict parse.
 mxml_node_t *load(const std::string &text)
 {
-    if (!parses(text))
-        return nullptr;
-    mxml_node_t *root = mxmlLoadString(nullptr, text.c_str(), MXML_OPAQUE_CALLBACK);
+    mxmlSetErrorCallback(quiet);
+    mxml_node_t *root = rpcw_parse_xml(text.c_str());
     if (root && !configd_accepts(root)) {
         mxmlDelete(root);
         return nullptr;
