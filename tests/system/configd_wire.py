@@ -124,7 +124,7 @@ class FakeConfigd:
         self.requests = []
         self.conn = None
         self.connected = threading.Event()
-        self.lock = threading.Lock()
+        self.lock = threading.Condition()
         self.srv = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.srv.bind(ns.path("/var/rpc/configd"))
         self.srv.listen(4)
@@ -146,6 +146,7 @@ class FakeConfigd:
                 return
             with self.lock:
                 self.requests.append(f)
+                self.lock.notify_all()
             kind, msgid, tag, vals = f
             if msgid == GET_CONFIG and self.docs.get(vals[0]) is not None:
                 self.send(reply(GET_CONFIG, tag, self.docs[vals[0]]))
@@ -156,6 +157,12 @@ class FakeConfigd:
     def got(self, msgid):
         with self.lock:
             return [f for f in self.requests if f[1] == msgid]
+
+    def wait_requests(self, count, timeout=15):
+        """Wait until `count` frames have been read off the connection."""
+        with self.lock:
+            if not self.lock.wait_for(lambda: len(self.requests) >= count, timeout):
+                raise TimeoutError("%d requests expected, got %r" % (count, self.requests))
 
     def close(self):
         for s in (self.conn, self.srv):
