@@ -1,6 +1,7 @@
 """A client of kelpd's control socket for the system tests: requests with
 their answers, and the messages the daemon pushes in between."""
 import socket
+import time
 
 import kelpd_helpers
 
@@ -51,6 +52,16 @@ class Client:
 
     def login(self, domain="rss", profile=1, v=3):
         return self.request("login\tv:%d\tdomain:%s\tprofile_id:%d" % (v, domain, profile))
+
+    def login_configured(self, domain="rss", profile=1, timeout=15):
+        """A login, repeated while kelpd still waits for its configuration
+        (kelpd takes clients before configd's documents have arrived)."""
+        deadline = time.monotonic() + timeout
+        while True:
+            answer = self.login(domain=domain, profile=profile)
+            if not answer.startswith("ERROR\tlogin\t19:") or time.monotonic() > deadline:
+                return answer
+            time.sleep(0.05)
 
     def logout(self, profile=1, domain="rss"):
         return self.request("logout\tdomain:%s\tprofile_id:%d" % (domain, profile))

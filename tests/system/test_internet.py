@@ -21,14 +21,6 @@ def start(ns, verbosity="-vvv"):
     return pid
 
 
-def logged_in_once_configured(ns, c):
-    """A login repeated until the configuration has arrived (nothing is
-    logged at verbosity 1 to wait for)."""
-    box = []
-    ns._wait_until(lambda: box.append(c.login()) or box[-1].startswith("OK\tlogin\t"), 15, "configuration")
-    return box[-1]
-
-
 def test_login_while_down_is_answered_then_told_and_waits(ns):
     start(ns)
     ns.internet(False)
@@ -64,7 +56,7 @@ def test_retry_lines_need_verbosity_two(ns):
     assert pid
     ns.internet(False)
     c = Client(ns, timeout=60)
-    assert logged_in_once_configured(ns, c).startswith("OK\tlogin\t")
+    assert c.login_configured().startswith("OK\tlogin\t")
     assert c.next_push("ERROR\tstatus\t") == DOWN % 1
     ns.internet(True)
     # The status arrives when the wait ends; its log lines stay below the gate.

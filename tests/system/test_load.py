@@ -46,23 +46,13 @@ def start(ns, verbosity="-vv"):
     return site, pid
 
 
-def login_once_configured(c, domain="rss", profile=1):
-    """A login, repeated while kelpd still waits for its configuration."""
-    deadline = time.monotonic() + 15
-    while True:
-        answer = c.login(domain=domain, profile=profile)
-        if not answer.startswith("ERROR\tlogin\t19:") or time.monotonic() > deadline:
-            return answer
-        time.sleep(0.05)
-
-
 def keeper_of_every_profile(ns):
     """A connection logged in to every profile once each feed has been
     polled (it has received each subscription's first overview)."""
     k = Client(ns)
     for domain in fx.DOMAINS:
         for p in fx.PROFILES:
-            answer = login_once_configured(k, domain, p)
+            answer = k.login_configured(domain, p)
             assert answer == fx.login_answer(domain, p), answer
     want = {(d, p, f) for d in fx.DOMAINS for p in fx.PROFILES for f in fx.subscriptions(d, p)}
     while want:
@@ -224,7 +214,7 @@ def test_an_overview_larger_than_a_default_send_buffer_arrives_whole(ns):
         assert ns.configctl("set", domain, "-", input=doc).returncode == 0
     _, pid = ns.start_kelpd("-vv")
     c = Client(ns)
-    assert login_once_configured(c).startswith("OK\tlogin\t")
+    assert c.login_configured().startswith("OK\tlogin\t")
     data = c.sock.recv(1 << 20)
     want = "\t".join(["overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:1000\tnumber_new:1000"] +
                      ["uid:%d\tstate:0\tsubject:%s" % (i, t) for i, t in enumerate(titles)])
@@ -255,7 +245,7 @@ def test_a_login_to_many_large_feeds_gets_every_overview(ns):
     # The first login starts the polls; its connection reads their pushes
     # away in the background.
     first = Client(ns)
-    assert login_once_configured(first).startswith("OK\tlogin\t")
+    assert first.login_configured().startswith("OK\tlogin\t")
     got_first = []
 
     def read_first():

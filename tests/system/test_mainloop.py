@@ -6,6 +6,7 @@ import signal
 import stat
 
 import configd_wire
+from kelpd_client import Client
 from kelpd_helpers import (DOC, DUMP, PIDFILE, connect, has, kelpd, kelpd_at, lines, read,
                            settled_lines, start, start_with_config)
 
@@ -298,9 +299,12 @@ def test_last_client_gone_ends_silently_below_verbosity_two(ns):
     # server; the client reads the status it is then told before it leaves,
     # since a close with unread data would be a reset.
     ns.internet(False)
-    s, _ = logged_in(ns)
-    assert s.recv(1 << 16).startswith(b"ERROR\tstatus\t20:")
-    s.close()
+    c = Client(ns)
+    # Nothing at -v tells when the configuration is in, and only an
+    # accepted login is told the status.
+    assert c.login_configured().startswith("OK\tlogin\t")
+    assert c.next_push("ERROR\tstatus\t20:")
+    c.close()
     assert ns.wait_exit(pid) == 0
     assert settled_lines(ns) == []
 

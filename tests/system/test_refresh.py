@@ -208,8 +208,10 @@ def test_read_marks_survive_a_restart_of_both_daemons(ns):
     ns.start_configd()
     site.put("a.xml", feed("X", "Y", "K", "L", "M"))
     _, pid = ns.start_kelpd("-vvvv")
+    # Both daemons log the line: the second's proves the documents are in.
+    ns.syslog.wait_count("incoming config data (handle=2)", 2)
     c = Client(ns)
-    c.login(1)
+    assert c.login(1).startswith("OK\tlogin\t")
     ns.syslog.wait_for("read flags matching at item 2 [Hash: %d]" % fnv("K"))
     c.wait_push(overview(1, [(0, 0, "X"), (1, 0, "Y"), (2, 1, "K"), (3, 1, "L"), (4, 0, "M")]))
     ns._wait_until(lambda: attrs_of_item(ns, 1) == {"entry": "1", "read": "0c", "first": str(fnv("X"))},

@@ -25,7 +25,7 @@ def start(ns):
 def test_a_stalled_reader_among_twenty_does_not_hold_up_the_others(ns):
     pid = start(ns)
     reader = Client(ns)
-    assert reader.login(profile=1).startswith("OK\t")
+    assert reader.login_configured(profile=1).startswith("OK\t")
     reader.next_push("overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:%d" % ITEMS)
     stalled = Client(ns)
     assert stalled.login(profile=2).startswith("OK\t")
