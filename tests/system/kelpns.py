@@ -233,9 +233,14 @@ http {
             return False
 
     # --- configd ------------------------------------------------------------
-    def start_configd(self, statedir="/var/lib/configd", args=()):
-        p = self.spawn([self.bin("configd"), "--state-dir", statedir] + list(args))
-        self._wait_until(lambda: os.path.exists(self.path("/var/rpc/configd")), 15, "configd socket", p)
+    def start_configd(self, statedir="/var/lib/configd", args=(), prefix=()):
+        """configd (behind `prefix`, a command that runs it); returns once it
+        serves. The socket file alone is not enough: it exists between bind
+        and listen, and a socket left by a killed configd exists all along."""
+        serving = re.compile("^serving ")
+        seen = self.syslog.count(serving, ident="configd")
+        p = self.spawn(list(prefix) + [self.bin("configd"), "--state-dir", statedir] + list(args))
+        self._wait_until(lambda: self.syslog.count(serving, ident="configd") > seen, 15, "configd", p)
         return p
 
     def silent_configd(self):
@@ -266,7 +271,20 @@ http {
         if wait_pidfile:
             self._wait_until(lambda: self.pidfile_pid() == pid or self._reap(pid) is not None,
                              timeout, "pid file of %d" % pid)
+            # The pid file is written just before the handlers are installed:
+            # a test's first signal must not meet the default action.
+            self._wait_until(lambda: self._catches_signals(pid) or self._reap(pid) is not None,
+                             timeout, "signal handlers of %d" % pid)
         return cp, pid
+
+    def _catches_signals(self, pid):
+        try:
+            with open(self.path("/proc/%d/status" % pid)) as f:
+                m = re.search(r"^SigCgt:\s*([0-9a-f]+)$", f.read(), re.M)
+        except OSError:
+            return False
+        served = (signal.SIGHUP, signal.SIGTERM, signal.SIGUSR2)
+        return bool(m) and all(int(m.group(1), 16) & (1 << (sig - 1)) for sig in served)
 
     def pidfile_pid(self):
         try:

@@ -51,21 +51,12 @@ def put_documents(ns, doc=DOC):
             f.write(doc)
 
 
-def start_configd(ns, prefix=()):
-    """configd (behind `prefix`, a command that runs it); returns once it
-    serves, also when an earlier, killed configd left its socket behind."""
-    seen = ns.syslog.count(re.compile("^serving "), ident="configd")
-    p = ns.spawn(list(prefix) + [ns.bin("configd"), "--state-dir", STATE])
-    ns._wait_until(lambda: ns.syslog.count(re.compile("^serving "), ident="configd") > seen, 15, "configd", p)
-    return p
-
-
 def start_all(ns, verbosity="-vvv", prefix=()):
     """Feed server, configd and kelpd with both documents; returns
     (configd process, kelpd pid)."""
     serve_feed(ns)
     put_documents(ns)
-    configd = start_configd(ns, prefix)
+    configd = ns.start_configd(STATE, prefix=prefix)
     pid = start(ns, verbosity)
     ns.syslog.wait_for("incoming config data (handle=2)")
     return configd, pid
@@ -124,14 +115,14 @@ def test_killed_while_kelpd_idles_ends_kelpd_and_the_marks_stay(ns):
     serve_feed(ns)
     put_documents(ns, DOC.replace('<item entry="1" />', item("05"), 1))
     before = stored(ns)
-    configd = start_configd(ns)
+    configd = ns.start_configd(STATE)
     pid = start(ns, "-vvv")
     ns.syslog.wait_for("incoming config data (handle=2)")
     configd.kill()
     ended_on_lost_configd(ns, pid)
     assert after(ns, "configd connection closed") == ["shutting down with exit code 0"]
     assert stored(ns) == before
-    start_configd(ns)
+    ns.start_configd(STATE)
     assert fetched_marks(ns) == [item("05"), '<item entry="1" />']
     # A fresh kelpd finds the marks on the items.
     pid = start(ns, "-vvv")
@@ -159,7 +150,7 @@ def test_killed_with_clients_logged_in_ends_kelpd_and_every_saved_mark_stays(ns)
     for c in (a, b):
         while c.sock.recv(1 << 20):
             pass
-    start_configd(ns)
+    ns.start_configd(STATE)
     assert fetched_marks(ns) == [item("06")] * 2
 
 
@@ -185,7 +176,7 @@ def test_killed_with_a_save_on_its_way_ends_kelpd_and_the_earlier_marks_stay(ns)
     configd.kill()
     ended_on_lost_configd(ns, pid)
     assert stored(ns) == before
-    start_configd(ns)
+    ns.start_configd(STATE)
     assert fetched_marks(ns) == [item("01")] * 2
 
 
@@ -209,7 +200,7 @@ def test_killed_in_the_middle_of_storing_leaves_the_old_document_whole(ns, step)
     assert stored(ns) == before
     with open(ns.path(TEMP), "rb") as f:
         assert f.read().count(item("05").encode()) == 2
-    start_configd(ns)
+    ns.start_configd(STATE)
     assert fetched_marks(ns) == [item("01")] * 2
     # The leftover of the interrupted save is gone.
     assert not os.path.exists(ns.path(TEMP))
@@ -274,7 +265,7 @@ def test_save_configd_cannot_store_is_refused_and_the_next_one_stores_every_mark
 def test_file_size_limit_refuses_the_save_and_configd_stays(ns):
     put_documents(ns)
     before = stored(ns)
-    configd = start_configd(ns, prefix=["prlimit", "--fsize=4096"])
+    configd = ns.start_configd(STATE, prefix=["prlimit", "--fsize=4096"])
     big = DOC.replace('name="News"', 'name="%s"' % ("N" * 5000))
     cp = ns.configctl("set", "rss", "-", input=big)
     assert cp.returncode == 1

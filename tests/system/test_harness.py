@@ -48,7 +48,9 @@ def test_private_paths_and_hosts(ns):
 
 def test_unix_socket_inside(ns):
     p = ns.spawn([PY, "-c", "import socket,os\n"
-                  "s=socket.socket(socket.AF_UNIX,socket.SOCK_SEQPACKET); s.bind('/var/tmp/t.ctl'); s.listen(1)\n"
+                  # Listening before the name appears, so a connect never finds it refused.
+                  "s=socket.socket(socket.AF_UNIX,socket.SOCK_SEQPACKET); s.bind('/var/tmp/t.new'); s.listen(1)\n"
+                  "os.rename('/var/tmp/t.new','/var/tmp/t.ctl')\n"
                   "c,_=s.accept(); c.send(c.recv(100)[::-1])"])
     ns._wait_until(lambda: os.path.exists(ns.path("/var/tmp/t.ctl")), 15, "socket", p)
     c = ns.connect_unix("/var/tmp/t.ctl")
