@@ -148,9 +148,9 @@ def test_configd_closing_mid_frame_ends_the_session(ns):
     pid = start(ns, "-vvv")
     fake.connected.wait(15)
     ns.syslog.wait_for("configd connection established")
-    # The subscription and both fetches are read first: closing a Unix
-    # socket with unread data makes the kernel report a reset (error 4),
-    # not the end of the stream this test is about.
+    # The subscription and both fetches are read first: a request kelpd
+    # sends after the close fails as a socket error (error 4), not the end
+    # of the stream this test is about.
     fake.wait_requests(3)
     whole = w.reply(w.GET_CONFIG, 1, DOC)
     fake.send(whole[:20])

@@ -2,6 +2,7 @@
 indications, robustness against bad peers, atomic saves."""
 import os
 import platform
+import random
 import re
 import signal
 import socket
@@ -224,7 +225,9 @@ GARBAGE = [
     w.frame(w.REQUEST, w.GET_CONFIG, 1, w.text("rss") + b"tail"),  # trailing bytes
     w.frame(w.REQUEST, w.GET_CONFIG, 1, w.text("r\0ss")),          # NUL inside a text
     w.frame(w.REQUEST, w.SUBSCRIBE, 1, struct.pack(">I", 0x7fffffff)),  # absurd count
-    os.urandom(4096),
+    # Random bytes behind a true length, so configd reads the whole frame
+    # (seeded: a random length prefix would often promise more than comes).
+    struct.pack(">I", 4092) + random.Random(4092).randbytes(4092),
 ]
 
 

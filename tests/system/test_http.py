@@ -61,6 +61,8 @@ def test_https_url_without_port(ns):
         srv = ns.serve_http(lambda req, conn: None, port=443)
         rc, body, err = httpget(ns, "https://feeds.test/x", "--timeout", "0.5")
         assert (rc, body, result_code(err)) == (1, b"", 1)
+        # The server records what it read only once the client has hung up.
+        ns._wait_until(lambda: srv.requests, 15, "the ClientHello")
         hello = srv.requests[0]
         assert len(srv.requests) == 1 and hello[0] == 0x16 and hello[5] == 0x01  # a TLS ClientHello
         return

@@ -10,6 +10,7 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
 CTL = "/var/tmp/me_kelpd_daemon.ctl"
 
@@ -94,6 +95,16 @@ class StubKelpd:
         with self.got:
             assert self.got.wait_for(lambda: len(self.requests) >= n, timeout), self.requests
             return list(self.requests)
+
+    def wait_login(self, who, timeout=15):
+        """Waits until some connection has logged in as `who`."""
+        deadline = time.monotonic() + timeout
+        while True:
+            with self.lock:
+                if any(who in logins for logins in self.conns.values()):
+                    return
+            assert time.monotonic() < deadline, "no login as %r" % (who,)
+            time.sleep(0.02)
 
     def connection_count(self):
         with self.lock:
