@@ -247,7 +247,7 @@ def test_a_browser_that_stops_reading_is_dropped(ns, web, stub):
     token = web.open_session()
     # The session's login reaches the stub on its own; until then the
     # pushes below would have no one to go to.
-    d.wait_login(NEWS)
+    ns._wait_until(lambda: d.logged_in(NEWS), 15, "the session's login")
     sock, _ = web.events(token)  # and never read again
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     big = d.overview(NEWS, 4) + "\tuid:99\tstate:0\tsubject:" + "x" * 100000  # one 128 KiB packet

@@ -10,7 +10,6 @@ import signal
 import socket
 import subprocess
 import threading
-import time
 
 CTL = "/var/tmp/me_kelpd_daemon.ctl"
 
@@ -96,15 +95,10 @@ class StubKelpd:
             assert self.got.wait_for(lambda: len(self.requests) >= n, timeout), self.requests
             return list(self.requests)
 
-    def wait_login(self, who, timeout=15):
-        """Waits until some connection has logged in as `who`."""
-        deadline = time.monotonic() + timeout
-        while True:
-            with self.lock:
-                if any(who in logins for logins in self.conns.values()):
-                    return
-            assert time.monotonic() < deadline, "no login as %r" % (who,)
-            time.sleep(0.02)
+    def logged_in(self, who):
+        """True once some connection has logged in as `who`."""
+        with self.lock:
+            return any(who in logins for logins in self.conns.values())
 
     def connection_count(self):
         with self.lock:
