@@ -1,8 +1,8 @@
 // The unit tests' capture of the daemon's syslog lines: every line the code
 // under test logs since the last clear, with its priority. Exactly one
 // source file of a test binary defines KELP_LOG_CAPTURE_IMPL before
-// including this header; that file's definition of syslog() takes the
-// calls of the whole binary.
+// including this header; that file's definitions of syslog() and vsyslog()
+// take the calls of the whole binary.
 #pragma once
 #include <cstdarg>
 #include <cstdio>
@@ -43,13 +43,18 @@ inline bool log_has_prio(const std::string &text, int prio)
 } // namespace kelp_test
 
 #ifdef KELP_LOG_CAPTURE_IMPL
-extern "C" void syslog(int prio, const char *fmt, ...)
+extern "C" void vsyslog(int prio, const char *fmt, va_list ap)
 {
     char buf[2048];
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    kelp_test::captured_log().push_back({prio, buf});
+}
+
+extern "C" void syslog(int prio, const char *fmt, ...)
+{
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
+    vsyslog(prio, fmt, ap);
     va_end(ap);
-    kelp_test::captured_log().push_back({prio, buf});
 }
 #endif
