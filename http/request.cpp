@@ -68,27 +68,58 @@ struct exchange {
     }
 };
 
-// Resolves the target (the proxy when one is set) and starts a non-blocking
-// connect; the socket, or -1.
-int open_connection(const httpcli_ctx *ctx, const http_uri *uri)
+// Starts a non-blocking connect to one resolved address; the socket, or -1.
+int start_connect(const addrinfo *ai, uint16_t port)
 {
-    bool via_proxy = ctx->proxy && *ctx->proxy;
-    const hostent *h = gethostbyname(via_proxy ? ctx->proxy : uri->host);
-    if (!h || h->h_addrtype != AF_INET || h->h_length != 4 || !h->h_addr_list[0])
-        return -1;
-    sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(via_proxy ? ctx->proxy_port : uri->port));
-    memcpy(&sa.sin_addr, h->h_addr_list[0], 4);
-    kd_unique_fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_storage sa = {};
+    memcpy(&sa, ai->ai_addr, std::min<size_t>(ai->ai_addrlen, sizeof sa));
+    if (ai->ai_family == AF_INET)
+        reinterpret_cast<sockaddr_in *>(&sa)->sin_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in6 *>(&sa)->sin6_port = htons(port);
+    kd_unique_fd fd(socket(ai->ai_family, SOCK_STREAM, 0));
     if (!fd)
         return -1;
     int flags = fcntl(fd.get(), F_GETFL);
     if (flags != -1)
         fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
-    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 && errno != EINPROGRESS)
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&sa), ai->ai_addrlen) != 0 && errno != EINPROGRESS)
         return -1;
     return fd.release();
+}
+
+// The connect under way on fd has succeeded, within the wait's bounds.
+bool connected(const httpcli_ctx *ctx, int fd)
+{
+    int err = 0;
+    socklen_t errlen = sizeof err;
+    return http_wait(ctx, fd, true) && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) == 0 && err == 0;
+}
+
+// Resolves the target (the proxy when one is set) and starts a non-blocking
+// connect, trying its addresses (IPv6 and IPv4) in the resolver's order
+// while the fetch has time; the last one's connect is left under way, as
+// the send waits for it anyway. The socket, or -1.
+int open_connection(const httpcli_ctx *ctx, const http_uri *uri)
+{
+    bool via_proxy = ctx->proxy && *ctx->proxy;
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *list = nullptr;
+    if (getaddrinfo(via_proxy ? ctx->proxy : uri->host, nullptr, &hints, &list) != 0)
+        return -1;
+    auto port = static_cast<uint16_t>(via_proxy ? ctx->proxy_port : uri->port);
+    int fd = -1;
+    for (const addrinfo *ai = list; ai && fd < 0 && !http_fetch_expired(); ai = ai->ai_next) {
+        if (ai->ai_family != AF_INET && ai->ai_family != AF_INET6)
+            continue;
+        kd_unique_fd s(start_connect(ai, port));
+        if (s && (!ai->ai_next || connected(ctx, s.get())))
+            fd = s.release();
+    }
+    freeaddrinfo(list);
+    return fd;
 }
 
 // Sends the whole request; any pass that cannot send ends the exchange.
