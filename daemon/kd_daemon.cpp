@@ -15,10 +15,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-volatile int32_t g_hangup;
-volatile int32_t g_terminate;
-volatile int32_t g_dump;
+volatile sig_atomic_t g_hangup;
+volatile sig_atomic_t g_terminate;
+volatile sig_atomic_t g_dump;
 const char *cmd = KD_PROGRAM_NAME;
+
+namespace {
+
+// A served signal arrived and its line is not written yet.
+volatile sig_atomic_t g_term_seen;
+volatile sig_atomic_t g_hup_seen;
+volatile sig_atomic_t g_usr2_seen;
+
+} // namespace
 
 int kd_scan_args(int argc, char **argv)
 {
@@ -32,26 +41,43 @@ int kd_scan_args(int argc, char **argv)
     return 0;
 }
 
-// Logging here is safe only because the served signals are unblocked solely
-// inside csock_select's wait, never while the loop itself is in syslog().
 void signal_handler(int32_t sig)
 {
     switch (sig) {
     case SIGTERM:
-        KD_LOG(2, LOG_INFO, "received terminate signal");
         g_terminate = 1;
+        g_term_seen = 1;
         break;
     case SIGHUP:
-        KD_LOG(2, LOG_INFO, "received hangup signal");
         g_hangup = sig;
+        g_hup_seen = 1;
         break;
     case SIGUSR2:
-        KD_LOG(2, LOG_INFO, "received user2 signal");
         g_dump = 1;
+        g_usr2_seen = 1;
         break;
     default:
         break;
     }
+}
+
+namespace {
+
+void log_once(volatile sig_atomic_t &seen, const char *line)
+{
+    if (!seen)
+        return;
+    KD_LOG(2, LOG_INFO, "%s", line);
+    seen = 0;
+}
+
+} // namespace
+
+void kd_log_received_signals(void)
+{
+    log_once(g_term_seen, "received terminate signal");
+    log_once(g_hup_seen, "received hangup signal");
+    log_once(g_usr2_seen, "received user2 signal");
 }
 
 namespace {
