@@ -13,6 +13,7 @@
 #include "platform/rpc_configd.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_fetch.h"
 #include "util/kd_log.h"
 
 int32_t g_configstate = KD_CONFIG_NONE;
@@ -138,6 +139,7 @@ static void free_domain(mxml_node_t **slot)
         // A poll left running would fire on a freed record.
         if (feed && feed->timer > 0)
             timeout_del(feed->timer);
+        kd_fetch_cancel(feed); // its answer would come for a freed record
         kdn_free_feed(feed);
         mxmlSetUserData(e, nullptr);
     }

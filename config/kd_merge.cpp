@@ -13,6 +13,7 @@
 #include "feed/kd_node.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_fetch.h"
 #include "util/kd_log.h"
 
 namespace {
@@ -199,6 +200,7 @@ void free_unreferenced(mxml_node_t *old_pool)
         if (n->timer > 0)
             timeout_del(n->timer);
         n->timer = 0;
+        kd_fetch_cancel(n);
         kdn_free_feed(n);
         mxmlSetUserData(e, nullptr);
     }

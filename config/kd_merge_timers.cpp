@@ -10,6 +10,7 @@
 #include "platform/dsldstat.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_fetch.h"
 #include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
 
@@ -52,6 +53,7 @@ void stop_poll(kd_node *n, mxml_node_t *entry)
 {
     KD_LOG(3, LOG_DEBUG, "stop poll on: %s", url_of(entry));
     timeout_del(n->timer);
+    kd_fetch_cancel(n); // a stopped poll takes no answer
     n->timer = 0;
     n->poll = 0;
 }

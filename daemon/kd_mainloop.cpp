@@ -9,6 +9,7 @@
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
 #include "platform/rpc.h"
+#include "refresh/kd_fetch.h"
 #include "util/kd_fd.h"
 #include "util/kd_log.h"
 
@@ -138,10 +139,12 @@ int32_t main_loop(void)
             // Clients still here when configd went away are let go now: their
             // records must not outlive the list head they are linked to.
             kd_disconnect_all(&loop.clients);
+            kd_fetch_cancel_all(); // no fetching child outlives the daemon
             csock_fastclose(listener);
             return 0;
         }
         csock_select();
+        kd_log_received_signals();
         if (loop.clients)
             loop.had_clients = true;
         if (g_dump) {

@@ -1,4 +1,5 @@
-// kd_interweb: the refresh of one feed entry. Fetches the entry's URL, keeps
+// kd_interweb: the refresh of one feed entry. Starts the fetch of the
+// entry's URL (in a child, refresh/kd_fetch) and, once it has ended, keeps
 // the outcome in the record's lasterror and lastpoll, parses the document,
 // adopts the feed title as the entry's name while the name is still empty or
 // the URL, and hands the items to the merge. A failed poll never touches the
@@ -17,10 +18,9 @@
 #include "http/httpcli.h"
 #include "platform/charset.h"
 #include "platform/slab.h"
+#include "refresh/kd_fetch.h"
 #include "refresh/kd_itemmerge.h"
 #include "util/kd_log.h"
-
-int (*kd_refresh_fetch)(httpcli_ctx *, const char *, httpcli_buffer *, http_result *) = httpcli_get;
 
 namespace {
 
@@ -97,12 +97,18 @@ void take_document(kd_node *feed, int code, const char *url, http_result *res, c
     kdn_free_feed(parsed);
 }
 
-void release(http_result *res, httpcli_buffer *resp)
+// The second half of a poll, on the loop once the fetch has ended.
+void take_fetch(kd_node *feed, const char *url, int code, httpcli_buffer *resp, http_result *res)
 {
-    kd_free(res->location);
-    kd_free(res->content_type);
-    kd_free(res->content_encoding);
-    kd_free(resp->start);
+    feed->lastpoll = static_cast<int32_t>(time(nullptr));
+    if (code != 200)
+        feed->lasterror = code;
+    if (code != 200 && code != HTTPCLI_TRUNCATED) {
+        log_fetch_failure(code, url);
+        return;
+    }
+    KD_LOG(3, LOG_NOTICE, "HTTP OK [%s]%s", url, code == HTTPCLI_TRUNCATED ? " [truncated]" : "");
+    take_document(feed, code, url, res, &resp->start);
 }
 
 } // namespace
@@ -117,18 +123,5 @@ void kd_refresh_entry(void *param, int)
         KD_LOG(2, LOG_INFO, "missing 'url' in entry '%s'", id ? id : "");
         return;
     }
-    httpcli_ctx ctx = poll_context();
-    httpcli_buffer resp{};
-    http_result res{};
-    int code = kd_refresh_fetch(&ctx, url, &resp, &res);
-    feed->lastpoll = static_cast<int32_t>(time(nullptr));
-    if (code != 200)
-        feed->lasterror = code;
-    if (code != 200 && code != HTTPCLI_TRUNCATED) {
-        log_fetch_failure(code, url);
-    } else {
-        KD_LOG(3, LOG_NOTICE, "HTTP OK [%s]%s", url, code == HTTPCLI_TRUNCATED ? " [truncated]" : "");
-        take_document(feed, code, url, &res, &resp.start);
-    }
-    release(&res, &resp);
+    kd_fetch_start(feed, url, poll_context(), take_fetch);
 }

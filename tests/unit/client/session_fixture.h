@@ -12,6 +12,7 @@
 #include "platform/csock.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_fetch.h"
 #include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
 #include "tests/unit/log_capture.h"
@@ -44,6 +45,15 @@ inline int unreachable_fetch(httpcli_ctx *, const char *url, httpcli_buffer *, h
 {
     fetched_urls().push_back(url ? url : "");
     return HTTPCLI_NO_CONNECTION;
+}
+
+// Polls of these tests fetch on the loop itself, through `fetch`.
+inline void fetch_inline(int (*fetch)(httpcli_ctx *, const char *, httpcli_buffer *, http_result *))
+{
+    kd_fetch_hooks hooks = kd_fetch_default_hooks();
+    hooks.fetch = fetch;
+    hooks.inline_fetch = true;
+    kd_fetch_set_hooks(&hooks);
 }
 
 inline void noop_timer(void *, int) {}
@@ -115,7 +125,7 @@ protected:
         verbosity = 4;
         g_internet_up = true;
         kd_internet_usable = fake_internet;
-        kd_refresh_fetch = unreachable_fetch;
+        fetch_inline(unreachable_fetch);
         fetched_urls().clear();
         g_configstate = 2;
         g_receiveddomains = 3;
@@ -126,6 +136,7 @@ protected:
     void TearDown() override
     {
         slab_fail_after(-1);
+        kd_fetch_cancel_all();
         while (head)
             kd_disconnect_client(head);
         for (int p : peers)

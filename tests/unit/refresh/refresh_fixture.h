@@ -72,14 +72,14 @@ protected:
     void SetUp() override
     {
         merge_test::SetUp();
-        kd_refresh_fetch = scripted_fetch;
+        fetch_inline(scripted_fetch);
         g_answer = scripted_answer{};
     }
 
     void TearDown() override
     {
         merge_test::TearDown();
-        kd_refresh_fetch = unreachable_fetch;
+        fetch_inline(unreachable_fetch);
     }
 
     // Feed 1 (kUrlA) with the given entry attributes, subscribed by profile

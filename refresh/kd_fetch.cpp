@@ -1,0 +1,325 @@
+// kd_fetch: polls' fetches in unprivileged children, side by side, bounded
+// in number and in time; the loop reads each answer as it comes.
+#include "refresh/kd_fetch.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+#include "platform/child.h"
+#include "platform/csock.h"
+#include "platform/slab.h"
+#include "platform/timeout.h"
+#include "refresh/kd_fetch_child.h"
+#include "refresh/kd_fetch_wire.h"
+#include "util/kd_log.h"
+
+namespace {
+
+// One fetch, running (pid > 0) or waiting for a free place.
+struct kd_fetch {
+    kd_fetch *next;
+    kd_node *feed;
+    char *url;
+    httpcli_ctx ctx;
+    kd_fetch_done done;
+    pid_t pid;
+    int fd;      // read end of the child's pipe
+    int handle;  // its csock handle
+    int timer;   // the deadline
+    kd_fetch_reader reader;
+};
+
+struct fetch_state {
+    kd_fetch *running;
+    kd_fetch *waiting; // in the order the polls fell due
+    unsigned nrunning;
+    kd_fetch_hooks hooks;
+    child_account account;
+    bool have_account;
+};
+
+fetch_state g_fetch = {nullptr, nullptr, 0, kd_fetch_default_hooks(), {}, false};
+
+void unlink_from(kd_fetch **list, kd_fetch *f)
+{
+    for (kd_fetch **p = list; *p; p = &(*p)->next)
+        if (*p == f) {
+            *p = f->next;
+            f->next = nullptr;
+            return;
+        }
+}
+
+kd_fetch *find_in(kd_fetch *list, const kd_node *feed)
+{
+    for (kd_fetch *f = list; f; f = f->next)
+        if (f->feed == feed)
+            return f;
+    return nullptr;
+}
+
+void append(kd_fetch **list, kd_fetch *f)
+{
+    while (*list)
+        list = &(*list)->next;
+    *list = f;
+}
+
+void free_fetch(kd_fetch *f)
+{
+    kd_fetch_reader_free(&f->reader);
+    kd_free(f->url);
+    kd_free(f);
+}
+
+// The child, its pipe and its deadline go; the record stays with the caller.
+void stop_child(kd_fetch *f)
+{
+    child_kill(f->pid);
+    csock_fastclose(f->handle);
+    if (f->fd >= 0)
+        close(f->fd);
+    timeout_del(f->timer);
+    f->fd = -1;
+    f->timer = 0;
+}
+
+void release_result(httpcli_buffer *resp, http_result *res)
+{
+    kd_free(resp->start);
+    kd_free(res->content_type);
+    kd_free(res->location);
+    kd_free(res->content_encoding);
+}
+
+// The child's log lines, written now under the daemon's own name.
+void relay_line(int prio, const char *text)
+{
+    kd_log(prio, "%s", text);
+}
+
+void start_waiting();
+
+// The fetch has ended, well (a complete answer) or not: the poll goes on.
+void finish(kd_fetch *f, bool answered)
+{
+    unlink_from(&g_fetch.running, f);
+    g_fetch.nrunning--;
+    stop_child(f);
+    httpcli_buffer resp{};
+    http_result res{};
+    int code = HTTPCLI_NO_CONNECTION;
+    if (answered) {
+        kd_fetch_each_log(&f->reader, relay_line);
+        code = kd_fetch_take(&f->reader, &resp, &res);
+    }
+    f->done(f->feed, f->url, code, &resp, &res);
+    release_result(&resp, &res);
+    free_fetch(f);
+    start_waiting();
+}
+
+// Reads what the pipe holds; the answer counts once the child has closed
+// it after exactly one whole message.
+void on_readable(int, void *ctx)
+{
+    auto *f = static_cast<kd_fetch *>(ctx);
+    for (;;) {
+        char *dst, extra;
+        size_t want = kd_fetch_want(&f->reader, &dst);
+        if (want == 0)
+            dst = &extra, want = 1;
+        ssize_t n = read(f->fd, dst, want);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR))
+            return;
+        if (n == 0)
+            return finish(f, kd_fetch_complete(&f->reader));
+        if (n < 0 || dst == &extra || !kd_fetch_got(&f->reader, static_cast<size_t>(n)))
+            return finish(f, false);
+    }
+}
+
+// A child that has not answered by now never will in time.
+void on_deadline(void *ctx, int)
+{
+    auto *f = static_cast<kd_fetch *>(ctx);
+    f->timer = 0;
+    finish(f, false);
+}
+
+// The account is looked up once; false when root has no one to become.
+bool account_ready()
+{
+    if (geteuid() != 0 || g_fetch.have_account)
+        return true;
+    g_fetch.have_account = child_lookup_account(g_fetch.hooks.account, &g_fetch.account);
+    if (!g_fetch.have_account)
+        KD_LOG(1, LOG_ERR, "no user '%s' to fetch feeds as", g_fetch.hooks.account);
+    return g_fetch.have_account;
+}
+
+bool spawn(kd_fetch *f)
+{
+    if (!account_ready())
+        return false;
+    kd_fetch_job job{f->url, f->ctx, g_fetch.account, g_fetch.hooks.fetch, g_fetch.hooks.child_main};
+    f->pid = child_spawn(kd_fetch_child_main, &job, &f->fd);
+    if (f->pid < 0) {
+        KD_LOG(1, LOG_ERR, "unable to start a fetch: %s", strerror(errno));
+        return false;
+    }
+    f->handle = csock_add_fd(f->fd, "fetch", on_readable, nullptr, nullptr, nullptr, nullptr, f);
+    f->timer = timeout_add_ms(on_deadline, g_fetch.hooks.deadline_ms, f, 0);
+    return f->handle > 0 && f->timer > 0;
+}
+
+// On the loop itself, as a poll always ran before children (tests only).
+void run_inline(kd_fetch *f)
+{
+    httpcli_buffer resp{};
+    http_result res{};
+    int code = g_fetch.hooks.fetch(&f->ctx, f->url, &resp, &res);
+    f->done(f->feed, f->url, code, &resp, &res);
+    release_result(&resp, &res);
+    free_fetch(f);
+}
+
+void run(kd_fetch *f)
+{
+    if (g_fetch.hooks.inline_fetch)
+        return run_inline(f);
+    append(&g_fetch.running, f);
+    g_fetch.nrunning++;
+    if (!spawn(f))
+        finish(f, false);
+}
+
+void start_waiting()
+{
+    while (g_fetch.waiting && g_fetch.nrunning < KD_FETCH_PARALLEL) {
+        kd_fetch *f = g_fetch.waiting;
+        unlink_from(&g_fetch.waiting, f);
+        run(f);
+    }
+}
+
+kd_fetch *new_fetch(kd_node *feed, const char *url, const httpcli_ctx &ctx, kd_fetch_done done)
+{
+    auto *f = static_cast<kd_fetch *>(kd_calloc(1, sizeof(kd_fetch)));
+    if (!f)
+        return nullptr;
+    f->url = kd_strdup(url);
+    if (!f->url) {
+        kd_free(f);
+        return nullptr;
+    }
+    f->feed = feed;
+    f->ctx = ctx;
+    f->done = done;
+    f->fd = -1;
+    f->handle = -1;
+    return f;
+}
+
+// A waiting fetch takes the entry's new address; a running one of an old
+// address is dropped. True when the feed's fetch is already under way.
+bool already_under_way(const kd_node *feed, const char *url)
+{
+    kd_fetch *w = find_in(g_fetch.waiting, feed);
+    if (w && strcmp(w->url, url) != 0) {
+        char *moved = kd_strdup(url);
+        if (moved) {
+            kd_free(w->url);
+            w->url = moved;
+        }
+    }
+    if (w)
+        return true;
+    kd_fetch *r = find_in(g_fetch.running, feed);
+    if (r && strcmp(r->url, url) != 0) {
+        kd_fetch_cancel(feed);
+        return false;
+    }
+    return r != nullptr;
+}
+
+} // namespace
+
+kd_fetch_hooks kd_fetch_default_hooks(void)
+{
+    return kd_fetch_hooks{httpcli_get, nullptr, false, static_cast<uint32_t>(HTTPCLI_FETCH_DEADLINE * 1000),
+                          KELP_FETCH_USER};
+}
+
+void kd_fetch_set_hooks(const kd_fetch_hooks *hooks)
+{
+    g_fetch.hooks = hooks ? *hooks : kd_fetch_default_hooks();
+    g_fetch.have_account = false;
+}
+
+void kd_fetch_start(kd_node *feed, const char *url, const httpcli_ctx &ctx, kd_fetch_done done)
+{
+    if (already_under_way(feed, url))
+        return;
+    kd_fetch *f = new_fetch(feed, url, ctx, done);
+    if (!f) {
+        httpcli_buffer resp{};
+        http_result res{};
+        done(feed, url, HTTPCLI_NO_MEMORY, &resp, &res);
+        return;
+    }
+    append(&g_fetch.waiting, f);
+    start_waiting();
+}
+
+void kd_fetch_cancel(const kd_node *feed)
+{
+    if (kd_fetch *w = find_in(g_fetch.waiting, feed)) {
+        unlink_from(&g_fetch.waiting, w);
+        free_fetch(w);
+    }
+    kd_fetch *r = find_in(g_fetch.running, feed);
+    if (!r)
+        return;
+    unlink_from(&g_fetch.running, r);
+    g_fetch.nrunning--;
+    stop_child(r);
+    free_fetch(r);
+    start_waiting();
+}
+
+void kd_fetch_cancel_all(void)
+{
+    while (kd_fetch *w = g_fetch.waiting) {
+        unlink_from(&g_fetch.waiting, w);
+        free_fetch(w);
+    }
+    while (kd_fetch *r = g_fetch.running) {
+        unlink_from(&g_fetch.running, r);
+        g_fetch.nrunning--;
+        stop_child(r);
+        child_wait_gone(r->pid);
+        free_fetch(r);
+    }
+}
+
+kd_fetch_phase kd_fetch_phase_of(const kd_node *feed)
+{
+    if (find_in(g_fetch.running, feed))
+        return KD_FETCH_RUNNING;
+    return find_in(g_fetch.waiting, feed) ? KD_FETCH_WAITING : KD_FETCH_NONE;
+}
+
+unsigned kd_fetch_running(void)
+{
+    return g_fetch.nrunning;
+}
+
+unsigned kd_fetch_waiting(void)
+{
+    unsigned n = 0;
+    for (kd_fetch *f = g_fetch.waiting; f; f = f->next)
+        n++;
+    return n;
+}

@@ -1,0 +1,174 @@
+// Helpers of the tests of the fetching children: real children forked by
+// the fetch module, scripted fetches and hostile children in them, the loop
+// turned until the outcomes have come, and the outcomes as plain values.
+#pragma once
+#include "feed/kd_node.h"
+#include "platform/csock.h"
+#include "platform/slab.h"
+#include "platform/timeout.h"
+#include "refresh/kd_fetch.h"
+#include "refresh/kd_fetch_wire.h"
+#include "tests/unit/log_capture.h"
+#include "util/kd_log.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace kelp_test {
+
+// What the poll's second half was handed.
+struct fetch_outcome {
+    const kd_node *feed;
+    std::string url;
+    int code;
+    std::string body;
+    bool has_body;
+    std::string content_type, location, content_encoding;
+};
+
+inline std::vector<fetch_outcome> &outcomes()
+{
+    static std::vector<fetch_outcome> v;
+    return v;
+}
+
+inline std::string or_none(const char *s) { return s ? s : "(none)"; }
+
+inline void record_outcome(kd_node *feed, const char *url, int code, httpcli_buffer *resp, http_result *res)
+{
+    outcomes().push_back({feed, url, code, resp->start ? std::string(resp->start, resp->len) : "",
+                          resp->start != nullptr, or_none(res->content_type), or_none(res->location),
+                          or_none(res->content_encoding)});
+    kd_log(LOG_INFO, "outcome of %s: %d", url, code);
+}
+
+// Children of this process (every thread's), by pid.
+inline std::vector<pid_t> my_children()
+{
+    std::vector<pid_t> pids;
+    DIR *d = opendir("/proc/self/task");
+    for (dirent *t; d && (t = readdir(d));) {
+        std::string path = std::string("/proc/self/task/") + t->d_name + "/children";
+        if (FILE *f = fopen(path.c_str(), "r")) {
+            for (int pid; fscanf(f, "%d", &pid) == 1;)
+                pids.push_back(pid);
+            fclose(f);
+        }
+    }
+    if (d)
+        closedir(d);
+    return pids;
+}
+
+inline size_t open_descriptors()
+{
+    size_t n = 0;
+    DIR *d = opendir("/proc/self/fd");
+    while (d && readdir(d))
+        n++;
+    if (d)
+        closedir(d);
+    return n;
+}
+
+// The open descriptors above standard error, as "3 5 ...".
+inline std::string descriptors_above_2()
+{
+    std::string list;
+    DIR *d = opendir("/proc/self/fd");
+    for (dirent *e; d && (e = readdir(d));) {
+        int fd = atoi(e->d_name);
+        if (e->d_name[0] == '.' || fd <= 2 || fd == dirfd(d))
+            continue;
+        list += (list.empty() ? "" : " ") + std::to_string(fd);
+    }
+    if (d)
+        closedir(d);
+    return list;
+}
+
+class fetch_test : public ::testing::Test {
+protected:
+    kd_node feeds[8] = {};
+    size_t baseline = 0;
+    kd_fetch_hooks hooks = kd_fetch_default_hooks();
+
+    void SetUp() override
+    {
+        ASSERT_EQ(csock_init(), 0);
+        ASSERT_EQ(timeout_init(), 0);
+        // As in the daemon: the kernel reaps the children.
+        signal(SIGCHLD, SIG_IGN);
+        verbosity = 4;
+        outcomes().clear();
+        captured_log().clear();
+        hooks.deadline_ms = 30000;
+        baseline = slab_live_count();
+    }
+
+    void TearDown() override
+    {
+        kd_fetch_cancel_all();
+        await_no_children(); // the next test counts its own
+        signal(SIGCHLD, SIG_DFL); // death tests wait for their children
+        kd_fetch_set_hooks(nullptr);
+        timeout_exit();
+        csock_exit();
+        EXPECT_EQ(slab_live_count(), baseline);
+        verbosity = 0;
+    }
+
+    void use(int (*fetch)(httpcli_ctx *, const char *, httpcli_buffer *, http_result *))
+    {
+        hooks.fetch = fetch;
+        hooks.child_main = nullptr;
+        kd_fetch_set_hooks(&hooks);
+    }
+
+    void use_child(int (*child_main)(int, const char *))
+    {
+        hooks.child_main = child_main;
+        kd_fetch_set_hooks(&hooks);
+    }
+
+    void start(int i, const char *url = "http://feeds.test/a")
+    {
+        kd_fetch_start(&feeds[i], url, httpcli_ctx{nullptr, 0, 3, 3.0f}, record_outcome);
+    }
+
+    // Turns the loop until `n` outcomes have come; a bound of a minute keeps
+    // a broken child from hanging the test (a failure, not a measurement).
+    void await(size_t n)
+    {
+        auto until = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        while (outcomes().size() < n && std::chrono::steady_clock::now() < until)
+            csock_select();
+        ASSERT_EQ(outcomes().size(), n);
+    }
+
+    // The single outcome of a fetch run to its end.
+    fetch_outcome fetch_once()
+    {
+        start(0);
+        await(1);
+        return outcomes().empty() ? fetch_outcome{} : outcomes()[0];
+    }
+
+    // Waits until every child has gone (the kernel reaps them).
+    static void await_no_children()
+    {
+        auto until = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        while (!my_children().empty() && std::chrono::steady_clock::now() < until)
+            usleep(1000);
+        EXPECT_TRUE(my_children().empty());
+    }
+};
+
+} // namespace kelp_test
