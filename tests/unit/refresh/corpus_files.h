@@ -37,4 +37,10 @@ inline std::vector<std::string> manifest_files(const std::string &root)
     return files;
 }
 
+// Why a corpus sweep is skipped: the corpus is not part of the repository.
+inline std::string corpus_absent(const std::string &root)
+{
+    return "real-world corpus not found at " + root + " (set KELP_CORPUS): sweep skipped";
+}
+
 } // namespace kelp_test

@@ -284,7 +284,7 @@ TEST_F(hostile_test, CorpusFeedsChangingEveryWay)
     std::string root = corpus_root();
     auto files = manifest_files(root);
     if (files.empty())
-        GTEST_SKIP() << "real-world corpus not found at " << root << " (set KELP_CORPUS): sweep skipped";
+        GTEST_SKIP() << corpus_absent(root);
     ASSERT_GT(files.size(), 300u);
     EXPECT_GT(sweep(root, files), 250u);
 }

@@ -101,6 +101,28 @@ protected:
         return saved();
     }
 
+    // The former first item, story 1, was found at position q.
+    void expect_found_at(int q)
+    {
+        std::string hash = hash_text(title(1).c_str());
+        EXPECT_TRUE(log_has_prio("read flags matching at item " + std::to_string(q) + " [Hash: " + hash + "]",
+                                 LOG_DEBUG));
+    }
+
+    // Stories 2 and 4 read by profile 1, story 1 by profile 2, wherever they stand.
+    void expect_stories_read(const kd_node *n)
+    {
+        EXPECT_EQ(read_titles(n, 1), (std::vector<std::string>{title(2), title(4)}));
+        EXPECT_EQ(read_titles(n, 2), (std::vector<std::string>{title(1)}));
+    }
+
+    // "first" of both profiles names the story now on top.
+    void expect_first_names(int story)
+    {
+        for (int p : {1, 2})
+            EXPECT_TRUE(names_title(attr(sub(p), "first"), fresh(story))) << attr(sub(p), "first");
+    }
+
     // The titles of the items a profile has read, in list order.
     std::vector<std::string> read_titles(const kd_node *n, int profile_id)
     {
@@ -128,13 +150,11 @@ TEST_P(title_form_test, RestartFindsTheMarksAtTheirItems)
     saved_marks m = read_some();
     kd_node *n = restart(m);
     merge_doc(doc({1, 2, 3, 4}));
-    EXPECT_TRUE(log_has_prio("read flags matching at item 0 [Hash: " + hash_text(title(1).c_str()) + "]", LOG_DEBUG));
-    EXPECT_EQ(read_titles(n, 1), (std::vector<std::string>{title(2), title(4)}));
-    EXPECT_EQ(read_titles(n, 2), (std::vector<std::string>{title(1)}));
+    expect_found_at(0);
+    expect_stories_read(n);
     EXPECT_EQ(attr(sub(1), "read"), "0a");
     EXPECT_EQ(attr(sub(2), "read"), "01");
-    for (int p : {1, 2})
-        EXPECT_TRUE(names_title(attr(sub(p), "first"), fresh(1))) << attr(sub(p), "first");
+    expect_first_names(1);
     EXPECT_EQ(overview_states(drain(peer1)), (std::vector<std::string>{"0", "1", "0", "1"}));
     EXPECT_EQ(overview_states(drain(peer2)), (std::vector<std::string>{"1", "0", "0", "0"}));
     // The marks are where configd has them. Only a title with tabs is saved
@@ -146,13 +166,11 @@ TEST_P(title_form_test, NewItemsOnTopShiftTheMarks)
 {
     kd_node *n = restart(read_some());
     merge_doc(doc({5, 6, 1, 2, 3, 4}));
-    EXPECT_TRUE(log_has("read flags matching at item 2 [Hash: " + hash_text(title(1).c_str()) + "]"));
-    EXPECT_EQ(read_titles(n, 1), (std::vector<std::string>{title(2), title(4)}));
-    EXPECT_EQ(read_titles(n, 2), (std::vector<std::string>{title(1)}));
+    expect_found_at(2);
+    expect_stories_read(n);
     EXPECT_EQ(attr(sub(1), "read"), "28");
     EXPECT_EQ(attr(sub(2), "read"), "04");
-    for (int p : {1, 2})
-        EXPECT_TRUE(names_title(attr(sub(p), "first"), fresh(5))) << attr(sub(p), "first");
+    expect_first_names(5);
     EXPECT_EQ(overview_states(drain(peer1)), (std::vector<std::string>{"0", "0", "0", "1", "0", "1"}));
     auto saved_docs = saves();
     ASSERT_EQ(saved_docs.size(), 1u);
