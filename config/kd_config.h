@@ -8,6 +8,7 @@
 struct rpc_conn;
 struct rpc_msg;
 struct kd_client;
+struct kd_item;
 
 // Runtime record of one profile of a domain; a placeholder has no element.
 struct kd_profile {
@@ -82,3 +83,6 @@ int kd_config_empty(void);
 int kd_mark_read(mxml_node_t *item, uint32_t index);
 // Brings "first" in line with "read" and the feed's current first item.
 void kd_fix_readmarkers(mxml_node_t *item);
+// The value "first" records for `item` standing at position 0: the hash of
+// its title, whatever form the title had in the document.
+uint32_t kd_first_hash(const kd_item *item);

@@ -52,6 +52,11 @@ void kd_fix_readmarkers(mxml_node_t *item)
         return;
     }
     char hash[16];
-    snprintf(hash, sizeof hash, "%lu", static_cast<unsigned long>(fnv_hash(first->title ? first->title : "")));
+    snprintf(hash, sizeof hash, "%lu", static_cast<unsigned long>(kd_first_hash(first)));
     mxmlElementSetAttr(item, "first", hash);
+}
+
+uint32_t kd_first_hash(const kd_item *item)
+{
+    return fnv_hash(item->title ? item->title : "");
 }

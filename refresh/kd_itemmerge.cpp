@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client/kd_msg.h"
 #include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
+#include "feed/kd_xml.h"
 #include "platform/slab.h"
 #include "util/bitfield.h"
 #include "util/kd_log.h"
@@ -169,17 +171,50 @@ bool saved_first(mxml_node_t *ref, uint32_t *hash)
     return true;
 }
 
+// The hash of a title as clients are sent it: sending turns its tabs into
+// spaces for good, so "first" is mostly written after that, while a fresh
+// parse still has the tabs.
+uint32_t sent_title_hash(const char *title)
+{
+    char sent[kdx_copy_limit + 1];
+    size_t n = strnlen(title, sizeof sent);
+    if (n == sizeof sent)
+        return fnv_hash(title); // longer than any stored title: never sent
+    memcpy(sent, title, n + 1);
+    return fnv_hash(tab2space(sent));
+}
+
+// Whether "first" (hash) names this item, whether the title was sent before
+// "first" was written or not.
+bool is_former_first(const kd_item *it, uint32_t hash)
+{
+    if (kd_first_hash(it) == hash)
+        return true;
+    return it->title && strchr(it->title, '\t') && sent_title_hash(it->title) == hash;
+}
+
+// Position of the item that "first" names, or false when it is gone. The
+// title is hashed here, not taken from the item's hash: that one is 0 for a
+// title written as CDATA, while "first" always holds the title's hash, so the
+// item would never be found again and every saved mark of such a feed would
+// be lost with each restart.
+bool find_former_first(const kd_node *feed, uint32_t hash, uint32_t *q)
+{
+    *q = 0;
+    for (const kd_item *it = feed->children; it; it = it->next, (*q)++)
+        if (is_former_first(it, hash))
+            return true;
+    return false;
+}
+
 // First fetch: the saved marks move down by as many items as appeared above
 // the former first item; without that item they mean nothing any more.
 void shift_saved_marks(mxml_node_t *ref, const kd_node *feed, bitfield *work)
 {
     uint32_t hash = 0;
     uint32_t q = 0;
-    const kd_item *it = nullptr;
-    if (saved_first(ref, &hash))
-        for (it = feed->children; it && it->hash != hash; it = it->next)
-            q++;
-    if (it) {
+    bool found = saved_first(ref, &hash) && find_former_first(feed, hash, &q);
+    if (found) {
         KD_LOG(4, LOG_DEBUG, "read flags matching at item %d [Hash: %lu]", static_cast<int>(q),
                static_cast<unsigned long>(hash));
         bf_shift(work, q, feed->nchildren);

@@ -4,24 +4,15 @@
 // every poll the items' uids and the subscriptions' "read" and "first" are
 // checked against what the previous state allows, and a failed poll must
 // leave both exactly as they were.
+#include "tests/unit/refresh/corpus_files.h"
 #include "tests/unit/refresh/refresh_fixture.h"
 
-#include <fstream>
 #include <functional>
 #include <set>
-#include <sstream>
 
 using namespace kelp_test;
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 kd_item *copy_item(const kd_item *it)
 {
@@ -288,31 +279,12 @@ TEST_F(hostile_test, TitlePrefixMatchesAsAnUpdate)
 }
 
 
-// The real-world corpus: $KELP_CORPUS, else the configured path.
-std::string corpus_root()
-{
-    const char *env = getenv("KELP_CORPUS");
-    return env && *env ? env : KELP_CORPUS_DEFAULT;
-}
-
-// The files a MANIFEST.tsv lists (first column, after its header line).
-std::vector<std::string> manifest_files(const std::string &root)
-{
-    std::vector<std::string> files;
-    std::ifstream in(root + "/MANIFEST.tsv");
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line))
-        files.push_back(line.substr(0, line.find('\t')));
-    return files;
-}
-
 TEST_F(hostile_test, CorpusFeedsChangingEveryWay)
 {
     std::string root = corpus_root();
     auto files = manifest_files(root);
     if (files.empty())
-        GTEST_SKIP() << "real-world corpus not found at " << root << " (set KELP_CORPUS): sweep skipped";
+        GTEST_SKIP() << corpus_absent(root);
     ASSERT_GT(files.size(), 300u);
     EXPECT_GT(sweep(root, files), 250u);
 }
