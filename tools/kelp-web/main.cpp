@@ -111,7 +111,7 @@ int main(int argc, char **argv)
     fflush(stdout);
     syslog(LOG_INFO, "listening on %s:%u", ip, kweb::server_port(&srv));
     kweb::server_run(&srv, &g_stop);
-    srv.mhd.reset();
+    kweb::server_stop(&srv);
     syslog(LOG_INFO, "stopped");
     return 0;
 }

@@ -318,6 +318,18 @@ bool server_start(web_server *srv, const sockaddr_in &addr)
     return true;
 }
 
+void server_stop(web_server *srv)
+{
+    // libmicrohttpd refuses to stop with a parked stream: every session is
+    // ended first, which wakes its stream to end itself.
+    std::vector<session *> all;
+    for (auto &s : srv->sessions.all)
+        all.push_back(s.get());
+    for (session *s : all)
+        session_kill(&srv->sessions, s);
+    srv->mhd.reset();
+}
+
 uint16_t server_port(web_server *srv)
 {
     const MHD_DaemonInfo *info = MHD_get_daemon_info(srv->mhd.get(), MHD_DAEMON_INFO_BIND_PORT);

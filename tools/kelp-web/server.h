@@ -45,6 +45,8 @@ inline constexpr char kCsp[] =
 // Starts listening; false (after a message on stderr) when it cannot.
 bool server_start(web_server *srv, const sockaddr_in &addr);
 uint16_t server_port(web_server *srv);
+// Ends every session and stops serving.
+void server_stop(web_server *srv);
 // For the loop: whether an event stream waits for its session, and the
 // stream's TCP socket (-1 when unknown).
 bool stream_parked(void *stream);
