@@ -5,7 +5,6 @@ page itself in headless Chromium against a stand-in kelpd and the real one.
 kelp-web runs in each test's mount namespace (it finds the control socket
 there) but listens on the host's loopback, so that one Chromium, started
 once for the file, can visit every test's kelp-web."""
-import os
 import re
 import socket
 
@@ -13,7 +12,7 @@ from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
-from web_helpers import CTL, Item, read_event
+from web_helpers import CTL, Item, configure, read_event, serve_feeds
 from web_page import (NEWS, browser, chrome, feed_row, is_read, item_row, news_stub, open_profile,  # noqa: F401
                       stub, unread_count, wait, web)
 
@@ -335,9 +334,7 @@ DOC = ('<?xml version="1.0"?>\n'
 
 
 def test_real_kelpd_lists_the_feeds_and_reports_no_internet(ns, web, browser):
-    ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=DOC).returncode == 0
+    configure(ns, DOC)
     ns.internet(False)
     _, pid = ns.start_kelpd("-vvv")
     assert pid
@@ -364,16 +361,8 @@ POLLED = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.x
 
 
 def test_real_kelpd_polls_and_a_read_reaches_the_second_browser(ns, web, browser):
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    os.chmod(ns.tmp, 0o755)
-    with open(os.path.join(root, "a.xml"), "w") as f:
-        f.write(FEED)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-    ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=POLLED).returncode == 0
+    serve_feeds(ns, {"a.xml": FEED})
+    configure(ns, POLLED)
     _, pid = ns.start_kelpd("-vvv")
     assert pid
     ns.syslog.wait_for("incoming config data (handle=1)")

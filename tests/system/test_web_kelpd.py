@@ -3,14 +3,13 @@ kelpd running, kelpd ended by SIGTERM while a page is open (the page works
 again without a reload), kelpd that cannot start while configd is away (the
 page says so and takes no clicks, then comes back by itself), and no
 connection held once no page is open, so that kelpd ends as it does."""
-import os
 import re
 import signal
 
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 
-from web_helpers import KelpWeb
+from web_helpers import KelpWeb, configure, serve_feeds
 from web_page import browser, chrome, feed_row, is_inert, open_profile, wait, web  # noqa: F401
 
 GONE = re.compile(r"^kelpd has gone; next try in (\d+) ms$")
@@ -23,23 +22,6 @@ FEED = ('<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><ti
         '</channel></rss>\n')
 DOC = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.xml" name="News" poll="600" /></pool>\n'
        '<profiles><profile id="1"><item entry="1" /></profile></profiles>\n')
-
-
-def serve_feed(ns):
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    with open(os.path.join(root, "a.xml"), "w") as f:
-        f.write(FEED)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-
-
-def configure(ns, doc=DOC):
-    """configd holding doc in both domains; returns configd's process."""
-    p = ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=doc).returncode == 0
-    return p
 
 
 def read_item(b, index, text):
@@ -76,8 +58,8 @@ def test_opening_a_profile_starts_the_kelpd_beside_kelp_web(ns, browser):
 
 
 def test_kelpd_ended_by_sigterm_comes_back_without_a_reload(ns, web, browser):
-    serve_feed(ns)
-    configure(ns)
+    serve_feeds(ns, {"a.xml": FEED})
+    configure(ns, DOC)
     b = browser
     open_profile(b, web, feeds=1)
     first = web.started()[0]
@@ -94,8 +76,8 @@ def test_kelpd_ended_by_sigterm_comes_back_without_a_reload(ns, web, browser):
 
 
 def test_while_kelpd_cannot_start_the_page_says_so_and_takes_no_clicks(ns, web, browser):
-    serve_feed(ns)
-    configd = configure(ns)
+    serve_feeds(ns, {"a.xml": FEED})
+    configd = configure(ns, DOC)
     b = browser
     open_profile(b, web, feeds=1)
     pid = web.started()[0]

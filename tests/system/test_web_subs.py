@@ -9,6 +9,7 @@ import re
 
 from selenium.webdriver.common.by import By
 
+from web_helpers import configure, serve_feeds
 from web_page import browser, chrome, feed_row, open_profile, wait, web  # noqa: F401
 
 FEED = ('<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><title>%s</title>\n'
@@ -21,17 +22,8 @@ DOC = ('<?xml version="1.0"?>\n<pool>\n  <entry id="1" url="http://feeds.test/a.
 def prepare(ns, doc=DOC):
     """A feed server with a.xml and b.xml, and configd with doc; returns
     configd's process."""
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    for name, title in (("a.xml", "News"), ("b.xml", "Radio")):
-        with open(os.path.join(root, name), "w") as f:
-            f.write(FEED % title)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-    p = ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=doc).returncode == 0
-    return p
+    serve_feeds(ns, {"a.xml": FEED % "News", "b.xml": FEED % "Radio"})
+    return configure(ns, doc)
 
 
 def stored(ns):

@@ -2,10 +2,9 @@
 Latin-1 (dashes, curly quotes, euro, emoji, CJK), Latin-1 entities, a feed
 in a legacy charset, and feed names that kelpd converts to Latin-1 with
 "." for what Latin-1 lacks; all through the real kelpd."""
-import os
-
 from selenium.webdriver.common.by import By
 
+from web_helpers import configure, serve_feeds
 from web_page import browser, chrome, feed_row, open_profile, wait, web  # noqa: F401
 
 CAFE = "Caf\u00e9 \u2014 \u201cbest coffee\u201d \u2026 3 \u20ac"
@@ -35,17 +34,8 @@ DOC = ('<?xml version="1.0" encoding="utf-8"?>\n<pool>\n'
 
 
 def prepare(ns):
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    with open(os.path.join(root, "utf8.xml"), "w", encoding="utf-8") as f:
-        f.write(UTF8_FEED)
-    with open(os.path.join(root, "legacy.xml"), "wb") as f:
-        f.write(LEGACY_FEED)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-    ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=DOC).returncode == 0
+    serve_feeds(ns, {"utf8.xml": UTF8_FEED, "legacy.xml": LEGACY_FEED})
+    configure(ns, DOC)
 
 
 def subjects(b):

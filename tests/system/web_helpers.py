@@ -275,6 +275,26 @@ class KelpWeb:
             assert self.proc.wait(15) == 0
 
 
+def serve_feeds(ns, files):
+    """nginx serving files ({name: text or bytes}) as http://feeds.test/NAME."""
+    root = os.path.join(ns.tmp, "www")
+    os.makedirs(root)
+    for name, data in files.items():
+        with open(os.path.join(root, name), "wb") as f:
+            f.write(data if isinstance(data, bytes) else data.encode("utf-8"))
+    os.chmod(root, 0o755)
+    ns.start_nginx(root)
+
+
+def configure(ns, doc):
+    """configd holding doc in both domains; returns configd's process."""
+    p = ns.start_configd()
+    for domain in ("rss", "podcast"):
+        cp = ns.configctl("set", domain, "-", input=doc)
+        assert cp.returncode == 0, cp.stderr
+    return p
+
+
 def kelpd_in_namespace(ns):
     """A program that runs the built kelpd, as "kelpd" and with -vvv, in the
     namespace's network (kelp-web itself is on the host's loopback)."""

@@ -14,7 +14,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import kelpns  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.support.ui import WebDriverWait  # noqa: E402
-from web_helpers import KelpWeb, chromium  # noqa: E402
+from web_helpers import KelpWeb, chromium, configure, serve_feeds  # noqa: E402
 
 SIZES = {"desktop": (1280, 800), "phone": (390, 844)}
 
@@ -47,17 +47,8 @@ DOC = ('<?xml version="1.0" encoding="utf-8"?>\n<pool>\n'
 
 
 def setup(ns):
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    for name, text in (("news.xml", rss(*NEWS)), ("radio.xml", rss(*RADIO, enclosure="http://feeds.test/ep.mp3"))):
-        with open(os.path.join(root, name), "w", encoding="utf-8") as f:
-            f.write(text)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-    configd = ns.start_configd()
-    for domain in ("rss", "podcast"):
-        ns.configctl("set", domain, "-", input=DOC)
-    return configd
+    serve_feeds(ns, {"news.xml": rss(*NEWS), "radio.xml": rss(*RADIO, enclosure="http://feeds.test/ep.mp3")})
+    return configure(ns, DOC)
 
 
 def until(b, cond, timeout=30):

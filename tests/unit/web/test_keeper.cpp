@@ -42,6 +42,14 @@ protected:
         return path;
     }
 
+    // A keeper that has started the script with that body as its kelpd.
+    void start_script(kelpd_keeper *k, const std::string &body)
+    {
+        k->program = script("kelpd", body);
+        k->ctl_path = dir + "/ctl";
+        ASSERT_TRUE(keeper_start(k, mono_ms()));
+    }
+
     // Runs the start's checks until it fails (bounded: the launcher is a
     // short script, so this waits for its exit, not for time to pass).
     static bool fails(kelpd_keeper *k)
@@ -127,9 +135,7 @@ TEST_F(web_keeper, ADaemonThatEndsAtOnceFails)
 {
     kelpd_keeper k;
     // Prints its own pid as the daemon's, then ends.
-    k.program = script("kelpd", "echo \"kelpd started with pid [$$]\"");
-    k.ctl_path = dir + "/ctl";
-    ASSERT_TRUE(keeper_start(&k, mono_ms()));
+    start_script(&k, "echo \"kelpd started with pid [$$]\"");
     ASSERT_TRUE(fails(&k));
     EXPECT_GT(k.daemon, 0);
     EXPECT_EQ(k.why, "kelpd ended right after it started (is configd running? see the system log)");
@@ -138,9 +144,7 @@ TEST_F(web_keeper, ADaemonThatEndsAtOnceFails)
 TEST_F(web_keeper, ALauncherThatFailsGivesItsStatus)
 {
     kelpd_keeper k;
-    k.program = script("kelpd", "exit 255");
-    k.ctl_path = dir + "/ctl";
-    ASSERT_TRUE(keeper_start(&k, mono_ms()));
+    start_script(&k, "exit 255");
     ASSERT_TRUE(fails(&k));
     EXPECT_EQ(k.why, "kelpd exited with status 255");
 }
