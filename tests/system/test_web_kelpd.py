@@ -101,3 +101,31 @@ def test_while_kelpd_cannot_start_the_page_says_so_and_takes_no_clicks(ns, web, 
     wait(b, lambda d: banner(d) == "", timeout=60)
     read_item(b, 1, "Short outage.")
 
+
+
+NEXT_TRY = re.compile(r"; next try in (\d+) ms$")
+
+
+def test_a_configuration_that_ends_kelpd_at_once_is_tried_with_growing_pauses(ns, web, browser):
+    # No profile subscribes anything: kelpd ends as soon as it has the
+    # configuration. kelp-web tries again, each pause twice the last.
+    serve_feeds(ns, {"a.xml": FEED})
+    configure(ns, '<?xml version="1.0"?>\n<pool />\n<profiles><profile id="1" /></profiles>\n')
+    b = browser
+    b.get(web.url + "?domain=rss&profile=1")
+    ns.syslog.wait_count(NEXT_TRY, 3, ident="kelp-web", timeout=60)
+    pauses = [int(NEXT_TRY.search(t).group(1)) for t in ns.syslog.texts("kelp-web") if NEXT_TRY.search(t)]
+    assert pauses[:3] == [500, 1000, 2000]
+    wait(b, lambda d: re.fullmatch(r"kelpd (has stopped \(it stops by itself when no profile reads a feed\)|ended right "
+                                   r"after it started \(is configd running\? see the system log\))\. "
+                                   r"Trying again in \d+ s\u2026", banner(d)))
+    assert is_inert(b)
+    # The household's first feed, added in the page, ends the pause: kelpd
+    # starts and stays.
+    b.find_element(By.ID, "manage").click()
+    b.find_element(By.CSS_SELECTOR, "#add-feed input[name=url]").send_keys("http://feeds.test/a.xml")
+    b.find_element(By.CSS_SELECTOR, "#add-feed button").click()
+    wait(b, lambda d: d.find_element(By.ID, "subs-status").text == "Added feed 1.")
+    b.find_element(By.ID, "subs-close").click()
+    wait(b, lambda d: banner(d) == "" and not is_inert(d), timeout=30)
+    wait(b, lambda d: [e.text for e in d.find_elements(By.CSS_SELECTOR, "#feeds .name")] == ["Kelp News"])

@@ -238,7 +238,7 @@ int keeper_lost(kelpd_keeper *k, int64_t now)
     if (k->served_since >= 0 && now - k->served_since >= kSteadyMs)
         k->pause_ms = kFirstPauseMs;
     k->served_since = -1;
-    k->why = "kelpd has stopped";
+    k->why = "kelpd has stopped (it stops by itself when no profile reads a feed)";
     return keeper_pause(k, now);
 }
 

@@ -114,7 +114,7 @@ TEST_F(web_keeper, PausesGrowToTheLongestAndStartAgainAfterSteadyService)
     // Served long enough: the first pause again.
     keeper_served(&k, 200000);
     EXPECT_EQ(keeper_lost(&k, 200000 + kSteadyMs), kFirstPauseMs);
-    EXPECT_EQ(k.why, "kelpd has stopped");
+    EXPECT_EQ(k.why, "kelpd has stopped (it stops by itself when no profile reads a feed)");
     // A second loss during the pause waits for the same try.
     EXPECT_EQ(keeper_lost(&k, 200000 + kSteadyMs + 100), kFirstPauseMs - 100);
 }
