@@ -68,6 +68,12 @@ fuzz: deps
 demo: build
 	@scripts/demo.sh $(BUILD)
 
+# kelp-web in headless Chromium at 1280x800 and 390x844, light and dark, as
+# PNG files in $(BUILD)/screenshots, for people to look at (not a test).
+.PHONY: screenshots
+screenshots: build
+	/usr/bin/python3 tests/system/web_screenshots.py $(BUILD)/bin $(BUILD)/screenshots
+
 clean:
 	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) $(BUILD_CROSS) $(BUILD_CROSS_TEST)
 

@@ -1,7 +1,8 @@
 // cfgproto: the messages that the reference configd serves beyond the
 // configd interface kelpd knows: a fetch that tells the document's
 // generation and a save that is refused when the document changed since
-// that generation (docs/rpc.md). Only configd and configctl use them.
+// that generation (docs/rpc.md). Only configd and its editors (configctl,
+// kelp-web through ctlrpc) use them.
 #pragma once
 #include <cstdint>
 #include "platform/rpc.h"

@@ -1,7 +1,7 @@
 // configctl_feeds: the commands that list and edit a domain's feeds and
 // profiles (feeds, feed add/rm/set, subscribe, unsubscribe, profile
-// add/rm). Each edit is one read-modify-write through ctl_update; the tree
-// belongs to that loop, and every check happens before anything is changed.
+// add/rm): the command lines and their output. Each edit (feededit.h) is
+// one read-modify-write through ctl_update; the tree belongs to that loop.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -9,6 +9,7 @@
 #include "configd/configctl.h"
 #include "configd/ctlrpc.h"
 #include "configd/docedit.h"
+#include "configd/feededit.h"
 #include "configd/store.h"
 
 bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *out)
@@ -119,35 +120,6 @@ int ctl_feeds(int argc, char **argv)
     return 0;
 }
 
-// The checks shared by feed add and feed set; empty when all pass.
-static std::string check_feed_opts(const char *url, const char *name, const char *poll)
-{
-    std::string why = url ? doc_check_url(url) : "";
-    if (why.empty() && name)
-        why = doc_check_name(name);
-    if (why.empty() && poll)
-        why = doc_check_poll(poll);
-    return why;
-}
-
-static bool profiles_exist(mxml_node_t *doc, const std::vector<const char *> &ids, std::string *why)
-{
-    for (const char *p : ids)
-        if (!doc_profile(doc, p)) {
-            *why = std::string("no profile ") + p;
-            return false;
-        }
-    return true;
-}
-
-static bool url_free(mxml_node_t *doc, const char *url, mxml_node_t *self, std::string *why)
-{
-    mxml_node_t *e = doc_entry_by_url(doc, url);
-    if (e && e != self)
-        *why = "feed " + attr(e, "id") + " has that URL already";
-    return !e || e == self;
-}
-
 int ctl_feed_add(int argc, char **argv)
 {
     static const char *const known[] = {"name", "poll", "profile", nullptr};
@@ -160,29 +132,16 @@ int ctl_feed_add(int argc, char **argv)
     if (a.pos.size() > 2 && profiles.empty())
         return ctl_usage(false);
     profiles.insert(profiles.end(), a.pos.begin() + 2, a.pos.end());
-    std::string why = check_feed_opts(url, name, poll);
+    std::string why = fe_check_feed(url, name, poll);
     if (!why.empty())
         return ctl_fail("feed add %s: %s", a.pos[0], why.c_str());
     return ctl_update("feed add", a.pos[0], [&](mxml_node_t *doc, std::string *out, std::string *err) {
-        if (!profiles_exist(doc, profiles, err) || !url_free(doc, url, nullptr, err))
+        std::string id;
+        if (!fe_add_feed(doc, url, name, poll, profiles, &id, err))
             return false;
-        std::string id = doc_next_id(doc);
-        // The daemon puts the feed's own title in place of a name that is
-        // still the URL.
-        doc_add_entry(doc, id.c_str(), url, name ? name : url, poll);
-        for (const char *p : profiles)
-            doc_subscribe(doc_profile(doc, p), id.c_str());
         *out = "added feed " + id + "\n";
         return true;
     });
-}
-
-static bool find_entry(mxml_node_t *doc, const char *id, mxml_node_t **e, std::string *why)
-{
-    *e = doc_entry(doc, id);
-    if (!*e)
-        *why = std::string("no feed ") + id;
-    return *e != nullptr;
 }
 
 int ctl_feed_rm(int argc, char **argv)
@@ -191,11 +150,7 @@ int ctl_feed_rm(int argc, char **argv)
         return ctl_usage(false);
     const char *id = argv[1];
     return ctl_update("feed rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
-        mxml_node_t *e;
-        if (!find_entry(doc, id, &e, err))
-            return false;
-        doc_remove_entry(doc, e);
-        return true;
+        return fe_remove_feed(doc, id, err);
     });
 }
 
@@ -206,50 +161,34 @@ int ctl_feed_set(int argc, char **argv)
     if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2 || a.opts.empty())
         return ctl_usage(false);
     const char *id = a.pos[1], *url = ctl_opt(a, "url"), *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
-    std::string why = check_feed_opts(url, name, poll);
+    std::string why = fe_check_feed(url, name, poll);
     if (!why.empty())
         return ctl_fail("feed set %s: %s", a.pos[0], why.c_str());
     return ctl_update("feed set", a.pos[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
-        mxml_node_t *e;
-        if (!find_entry(doc, id, &e, err) || (url && !url_free(doc, url, e, err)))
-            return false;
-        const char *names[] = {"url", "name", "poll"};
-        const char *values[] = {url, name, poll};
-        for (int i = 0; i < 3; i++)
-            if (values[i])
-                mxmlElementSetAttr(e, names[i], values[i]);
-        return true;
+        return fe_set_feed(doc, id, url, name, poll, err);
     });
 }
 
 // subscribe and unsubscribe: every feed id must name a feed of the pool.
-static int change_subscriptions(const char *what, int argc, char **argv, bool (*change)(mxml_node_t *, const char *))
+static int change_subscriptions(const char *what, int argc, char **argv, bool subscribe)
 {
     if (argc < 3)
         return ctl_usage(false);
     const char *profile = argv[1];
     std::vector<const char *> ids(argv + 2, argv + argc);
     return ctl_update(what, argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
-        mxml_node_t *p = doc_profile(doc, profile), *e;
-        if (!p)
-            *err = std::string("no profile ") + profile;
-        for (const char *id : ids)
-            if (!p || !find_entry(doc, id, &e, err))
-                return false;
-        for (const char *id : ids)
-            change(p, id);
-        return true;
+        return fe_subscribe(doc, profile, ids, subscribe, err);
     });
 }
 
 int ctl_subscribe(int argc, char **argv)
 {
-    return change_subscriptions("subscribe", argc, argv, doc_subscribe);
+    return change_subscriptions("subscribe", argc, argv, true);
 }
 
 int ctl_unsubscribe(int argc, char **argv)
 {
-    return change_subscriptions("unsubscribe", argc, argv, doc_unsubscribe);
+    return change_subscriptions("unsubscribe", argc, argv, false);
 }
 
 int ctl_profile_add(int argc, char **argv)
@@ -261,12 +200,7 @@ int ctl_profile_add(int argc, char **argv)
     if (!why.empty())
         return ctl_fail("profile add %s: %s", argv[0], why.c_str());
     return ctl_update("profile add", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
-        if (doc_profile(doc, id)) {
-            *err = std::string("profile ") + id + " exists already";
-            return false;
-        }
-        doc_add_profile(doc, id);
-        return true;
+        return fe_add_profile(doc, id, err);
     });
 }
 
@@ -276,11 +210,6 @@ int ctl_profile_rm(int argc, char **argv)
         return ctl_usage(false);
     const char *id = argv[1];
     return ctl_update("profile rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
-        mxml_node_t *p = doc_profile(doc, id);
-        if (!p)
-            *err = std::string("no profile ") + id;
-        if (p)
-            doc_remove(p);
-        return p != nullptr;
+        return fe_remove_profile(doc, id, err);
     });
 }

@@ -1,5 +1,6 @@
-// ctlrpc: configctl's blocking client of configd: frames out, the first
-// reply back, and the read-modify-write loop with conditional saves.
+// ctlrpc: the blocking client of configd (configctl, kelp-web): frames out,
+// the first reply back, and the read-modify-write loop with conditional
+// saves.
 // Descriptors are held by kd_unique_fd and trees by kd_mxml_tree only.
 #include "configd/ctlrpc.h"
 #include <cerrno>
@@ -177,12 +178,15 @@ static void back_off(int attempt)
     nanosleep(&ts, nullptr);
 }
 
-// One attempt: 1 stored, 0 conflict (try again), -1 failed.
+// One attempt: 1 stored, 0 conflict (try again), -1 refused by the edit,
+// -2 failed.
 static int update_once(int fd, const char *domain, const ctl_edit &edit, std::string *out, std::string *why)
 {
     std::string gen;
     kd_mxml_tree doc(fetch_on(fd, domain, &gen, why));
-    if (!doc || !edit(doc.get(), out, why))
+    if (!doc)
+        return -2;
+    if (!edit(doc.get(), out, why))
         return -1;
     // Nothing changed: nothing to store, and nobody to tell.
     if (cfg_generation_of(doc.get()) == gen)
@@ -193,30 +197,38 @@ static int update_once(int fd, const char *domain, const ctl_edit &edit, std::st
     rpcw_msg_clear(&m);
     if (ok)
         return 1;
-    return why->rfind(CFG_CONFLICT, 0) == 0 ? 0 : -1;
+    return why->rfind(CFG_CONFLICT, 0) == 0 ? 0 : -2;
+}
+
+ctl_result ctl_apply(const char *domain, const ctl_edit &edit, std::string *out, std::string *why)
+{
+    kd_unique_fd fd = connect_configd(why);
+    if (!fd)
+        return ctl_result::unreachable;
+    srand(unsigned(getpid() ^ time(nullptr)));
+    for (int attempt = 0; attempt < UPDATE_ATTEMPTS; attempt++) {
+        out->clear();
+        why->clear();
+        int r = update_once(fd.get(), domain, edit, out, why);
+        if (r != 0)
+            return r > 0 ? ctl_result::stored : r == -1 ? ctl_result::refused : ctl_result::failed;
+        back_off(attempt);
+    }
+    *why = "the document kept changing while it was edited (" + std::to_string(UPDATE_ATTEMPTS) + " attempts)";
+    return ctl_result::busy;
 }
 
 int ctl_update(const char *what, const char *domain, const ctl_edit &edit)
 {
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
-    std::string why;
-    kd_unique_fd fd = connect_configd(&why);
-    if (!fd)
-        return ctl_fail("%s", why.c_str());
-    srand(unsigned(getpid() ^ time(nullptr)));
-    for (int attempt = 0; attempt < UPDATE_ATTEMPTS; attempt++) {
-        std::string out;
-        why.clear();
-        int r = update_once(fd.get(), domain, edit, &out, &why);
-        if (r > 0) {
-            fputs(out.c_str(), stdout);
-            return 0;
-        }
-        if (r < 0)
-            return ctl_fail("%s %s: %s", what, domain, why.c_str());
-        back_off(attempt);
+    std::string out, why;
+    ctl_result r = ctl_apply(domain, edit, &out, &why);
+    if (r == ctl_result::stored) {
+        fputs(out.c_str(), stdout);
+        return 0;
     }
-    return ctl_fail("%s %s: the document kept changing while it was edited (%d attempts)", what, domain,
-                    UPDATE_ATTEMPTS);
+    if (r == ctl_result::unreachable)
+        return ctl_fail("%s", why.c_str());
+    return ctl_fail("%s %s: %s", what, domain, why.c_str());
 }

@@ -1,13 +1,14 @@
-// ctlrpc: configctl's blocking client of configd. One connection per call,
-// owned by a kd_unique_fd; every received tree is handed to the caller as a
-// kd_mxml_tree. Each wait for an answer is bounded by g_ctl_timeout.
+// ctlrpc: the blocking client of configd that configctl and kelp-web share.
+// One connection per call, owned by a kd_unique_fd; every received tree is
+// handed to the caller as a kd_mxml_tree. Each wait for an answer is
+// bounded by g_ctl_timeout.
 #pragma once
 #include <functional>
 #include <string>
 #include <mxml.h>
 #include "util/kd_mxml.h"
 
-// Seconds configctl waits for configd's answer (--timeout).
+// Seconds to wait for configd's answer (configctl's --timeout).
 extern int g_ctl_timeout;
 
 // Prints "configctl: " and the message as one line on stderr; returns 1.
@@ -25,8 +26,21 @@ bool ctl_store(const char *domain, mxml_node_t *doc, std::string *why);
 // stored then). Text put in *out is printed once the change is stored.
 using ctl_edit = std::function<bool(mxml_node_t *doc, std::string *out, std::string *why)>;
 
+// How one read-modify-write ended.
+enum class ctl_result {
+    stored,      // stored (or nothing to change); *out holds the edit's text
+    refused,     // the edit refused the request
+    unreachable, // no connection to configd
+    failed,      // configd refused the save or did not answer
+    busy,        // the document kept changing while it was edited
+};
+
 // One read-modify-write of a domain: fetch, edit, store on condition that
 // nobody stored the domain meanwhile; repeated a few times when someone
-// did. Returns the exit status (0 stored, 1 refused or failed, with one
-// line on stderr naming `what`).
+// did, the edit applied to the new document each time. Prints nothing; the
+// reason of any other result than `stored` is in *why.
+ctl_result ctl_apply(const char *domain, const ctl_edit &edit, std::string *out, std::string *why);
+
+// ctl_apply for configctl: prints the edit's text, or one line on stderr
+// naming `what`, and returns the exit status (0 stored, 1 otherwise).
 int ctl_update(const char *what, const char *domain, const ctl_edit &edit);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include "util/kd_utf8.h"
 
 static bool is_element(mxml_node_t *n, const char *name)
 {
@@ -223,25 +224,6 @@ std::string doc_check_url(const char *url)
     return "";
 }
 
-// Length of the UTF-8 sequence at p (shortest form, no surrogates), or 0.
-static size_t utf8_len(const unsigned char *p, size_t n, unsigned *cp)
-{
-    size_t len = p[0] < 0x80 ? 1 : (p[0] >> 5) == 6 ? 2 : (p[0] >> 4) == 14 ? 3 : (p[0] >> 3) == 30 ? 4 : 0;
-    if (!len || len > n)
-        return 0;
-    unsigned v = len == 1 ? p[0] : p[0] & (0x7f >> len);
-    for (size_t i = 1; i < len; i++) {
-        if ((p[i] & 0xc0) != 0x80)
-            return 0;
-        v = v << 6 | (p[i] & 0x3f);
-    }
-    static const unsigned least[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (v < least[len] || v > 0x10ffff || (v >= 0xd800 && v <= 0xdfff))
-        return 0;
-    *cp = v;
-    return len;
-}
-
 std::string doc_check_name(const char *name)
 {
     size_t n = strlen(name);
@@ -251,8 +233,8 @@ std::string doc_check_name(const char *name)
         return "name longer than 4096 bytes";
     auto *p = reinterpret_cast<const unsigned char *>(name);
     for (size_t i = 0; i < n;) {
-        unsigned cp = 0;
-        size_t len = utf8_len(p + i, n - i, &cp);
+        uint32_t cp = 0;
+        size_t len = kd_utf8_char(p + i, n - i, &cp);
         if (!len)
             return "name is not valid UTF-8";
         if (cp < 0x20 || (cp >= 0x7f && cp < 0xa0))

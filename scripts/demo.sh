@@ -5,9 +5,12 @@
 # a local nginx serving the example feeds as http://feeds.test/, and kelpctl
 # as the clients: the first poll, a read, the push to another profile and
 # the marks stored in configd; kelp-web serves the browser page meanwhile
-# (its URL is printed); then the syslog lines and the exit status.
+# (its URL is printed); then the syslog lines and the exit status. Run from
+# a terminal, kelp-web then keeps serving (starting kelpd again whenever a
+# page needs it) until Ctrl-C; without a terminal the demo ends there.
 #
 # Usage: scripts/demo.sh <builddir>     (as root; `make demo` calls it)
+#        KELP_WEB_PORT=8081 make demo   (another port for kelp-web)
 set -euo pipefail
 
 BUILD=${1:?usage: scripts/demo.sh <builddir>}
@@ -200,17 +203,34 @@ run_client() {
 
 # kelp-web: in the namespace's mount namespace (it finds kelpd's control
 # socket there) but on the host's loopback, so a browser on this machine can
-# open it while the demo runs.
+# open it while the demo runs. The kelpd it starts when a page needs one
+# runs in the namespace's network, where feeds.test is.
 start_web() {
     [ -x "$BIN/kelp-web" ] || { say "kelp-web not built"; return; }
+    cat > "$WORK/kelpd-in-ns" <<EOF2
+#!/bin/sh
+exec nsenter --target $HOLDER --net -- bash -c 'exec -a kelpd "\$0" -vv' "$BIN/kelpd"
+EOF2
+    chmod 755 "$WORK/kelpd-in-ns"
     nsenter --target "$HOLDER" --mount -- "$BIN/kelp-web" --listen 127.0.0.1:${KELP_WEB_PORT:-8080} \
-        > "$WORK/web.txt" &
+        --kelpd "$WORK/kelpd-in-ns" > "$WORK/web.txt" &
     WEB=$!
     while ! grep -q listening "$WORK/web.txt" 2>/dev/null; do
         kill -0 "$WEB" 2>/dev/null || { say "kelp-web did not start (port ${KELP_WEB_PORT:-8080} taken?)"; WEB=; return; }
         sleep 0.05
     done
     say "$(cat "$WORK/web.txt") (open it in a browser while the demo runs)"
+}
+
+# From a terminal, kelp-web goes on serving the example feeds until Ctrl-C.
+keep_serving() {
+    [ -n "${WEB:-}" ] && [ -t 0 ] && [ -t 1 ] || return 0
+    say "$(sed 's/listening on/still serving/' "$WORK/web.txt"): open it in a browser; Ctrl-C ends the demo"
+    local stop=
+    trap 'stop=1' INT
+    while [ -z "$stop" ] && kill -0 "$WEB" 2>/dev/null; do sleep 1 || true; done
+    trap - INT
+    [ -n "$stop" ] && say "Ctrl-C: the demo ends" || say "kelp-web has ended"
 }
 
 # Waits for the daemon to end (it ends by itself when there is nothing to
@@ -246,3 +266,4 @@ start_web
 run_client
 wait_kelpd
 show_log
+keep_serving

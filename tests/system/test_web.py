@@ -5,115 +5,21 @@ page itself in headless Chromium against a stand-in kelpd and the real one.
 kelp-web runs in each test's mount namespace (it finds the control socket
 there) but listens on the host's loopback, so that one Chromium, started
 once for the file, can visit every test's kelp-web."""
-import os
 import re
-import shutil
 import socket
-import tempfile
 
-import pytest
-from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
-from selenium.webdriver.support.ui import WebDriverWait
 
-from web_helpers import CTL, Item, KelpWeb, StubKelpd, chromium, read_event
+from web_helpers import CTL, Item, configure, read_event, serve_feeds
+from web_page import (NEWS, browser, chrome, feed_row, is_read, item_row, news_stub, open_profile,  # noqa: F401
+                      stub, unread_count, wait, web)
 
 SESSION_CLOSED = re.compile(r"^session [0-9a-f]{8} closed$")
-NEWS = ("rss", 1)
 CSP = ("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
        "img-src http: https:; media-src http: https:; base-uri 'none'; form-action 'none'; "
        "frame-ancestors 'none'")
-
-
-@pytest.fixture
-def web(ns):
-    w = KelpWeb(ns)
-    yield w
-    w.stop()
-
-
-@pytest.fixture
-def stub(ns):
-    made = []
-
-    def start(feeds, items, online=True):
-        d = StubKelpd(ns, feeds, items, online)
-        made.append(d)
-        return d
-    yield start
-    for d in made:
-        d.close()
-
-
-@pytest.fixture(scope="module")
-def chrome():
-    profile = tempfile.mkdtemp(prefix="kelp-chromium-")
-    driver = chromium(profile)
-    yield driver
-    driver.quit()
-    shutil.rmtree(profile, ignore_errors=True)
-
-
-@pytest.fixture
-def browser(chrome):
-    """The shared Chromium with one window at the desktop size; a test that
-    needs a second browser opens a second window (its own page, its own
-    session)."""
-    yield chrome
-    first = chrome.window_handles[0]
-    for h in chrome.window_handles[1:]:
-        chrome.switch_to.window(h)
-        chrome.close()
-    chrome.switch_to.window(first)
-    chrome.set_window_size(1200, 800)
-    chrome.get("about:blank")
-
-
-def news_items():
-    return {4: [Item(17, "Firmware 7.58 released", "Before image.After image.",
-                     images=[("http://127.0.0.1:1/pic.png", 13)]),
-                Item(18, "Episode 12", "Music and talk.", enclosure="http://127.0.0.1:1/ep12.mp3"),
-                Item(19, "Maintenance tonight", "Short outage.")],
-            9: [Item(1, "Sunny", "Clear skies.")]}
-
-
-def news_stub(stub, online=True):
-    return stub({NEWS: [(4, "Gateway news"), (9, "Local weather")]}, news_items(), online)
-
-
-def wait(b, cond, timeout=15):
-    """Until cond(b) holds; the page re-renders lists, so an element found a
-    moment ago may have been replaced: that counts as not yet."""
-    ignored = (NoSuchElementException, StaleElementReferenceException)
-    return WebDriverWait(b, timeout, ignored_exceptions=ignored).until(lambda d: cond(d))
-
-
-def open_profile(b, web, domain="rss", profile=1, feeds=2):
-    b.get(web.url)
-    b.find_element(By.CSS_SELECTOR, "#domain option[value='%s']" % domain).click()
-    box = b.find_element(By.ID, "profile")
-    box.clear()
-    box.send_keys(str(profile))
-    b.find_element(By.ID, "open").click()
-    wait(b, lambda d: len(d.find_elements(By.CSS_SELECTOR, "#feeds li")) == feeds)
-
-
-def feed_row(b, feed_id):
-    return b.find_element(By.CSS_SELECTOR, "#feeds li[data-feed-id='%d']" % feed_id)
-
-
-def item_row(b, uid):
-    return b.find_element(By.CSS_SELECTOR, "#items li[data-uid='%d']" % uid)
-
-
-def unread_count(b, feed_id):
-    return feed_row(b, feed_id).find_element(By.CLASS_NAME, "count").text
-
-
-def is_read(b, uid):
-    return "read" in item_row(b, uid).get_attribute("class").split()
 
 
 # --- HTTP ----------------------------------------------------------------------------
@@ -126,11 +32,12 @@ def test_page_is_small_self_contained_and_locked_down(ns, web):
     assert r.getheader("X-Content-Type-Options") == "nosniff"
     assert r.getheader("Referrer-Policy") == "no-referrer"
     html = page.decode()
-    assert re.findall(r"<script[^>]*>", html) == ['<script src="/app.js" defer>']
+    assert re.findall(r"<script[^>]*>", html) == ['<script type="module" src="/app.js">']
     assert " on" not in re.sub(r">[^<]*<", "><", html)  # no inline event handlers
     assert not re.search(r"(src|href)=\"(https?:)?//", html)  # nothing fetched from elsewhere
     total = len(page)
-    for path, ctype in (("/app.js", "text/javascript; charset=utf-8"), ("/app.css", "text/css; charset=utf-8"),
+    for path, ctype in (("/app.js", "text/javascript; charset=utf-8"), ("/subs.js", "text/javascript; charset=utf-8"),
+                        ("/util.js", "text/javascript; charset=utf-8"), ("/app.css", "text/css; charset=utf-8"),
                         ("/favicon.svg", "image/svg+xml")):
         r, data = web.request("GET", path)
         assert r.status == 200 and r.getheader("Content-Type") == ctype
@@ -151,6 +58,15 @@ def test_posts_are_taken_only_from_the_page_origin(ns, web, stub):
     assert web.post("/api/session", login, origin=web.origin + ".evil.test")[0] == 403
     assert web.post("/api/session", login, ctype="text/plain")[0] == 415
     assert d.requests == []
+    # The requests that change the configuration are guarded alike; they
+    # are refused before configd (not running here) is asked.
+    add = {"domain": "rss", "url": "http://feeds.test/x.xml"}
+    for path in ("/api/config/feed-add", "/api/config/opml-import", "/api/config/list"):
+        assert web.post(path, add, origin="http://evil.test") == \
+            (403, {"error": "requests are accepted from this page only"})
+        assert web.post(path, add, origin=False)[0] == 403
+        assert web.post(path, add, ctype="text/plain")[0] == 415
+    assert web.post("/api/config/feed-add", add)[0] == 503  # the page's own: configd is asked
     status, body = web.post("/api/session", login)
     assert status == 200 and re.fullmatch(r"[0-9a-f]{32}", body["session"])
 
@@ -185,10 +101,6 @@ def test_malformed_requests_are_refused(ns, web, stub):
     r, _ = web.request("GET", "/api/events?session=" + "0" * 32)
     assert r.status == 404
     assert [req.split(b"\t")[0] for req in d.requests] == [b"login"]
-
-
-def test_kelpd_not_running(ns, web):
-    assert web.post("/api/session", {"domain": "rss", "profile": 1}) == (503, {"error": "kelpd is not running"})
 
 
 def test_events_carry_kelpd_messages_and_requests_go_up(ns, web, stub):
@@ -307,7 +219,7 @@ def test_keyboard_alone_reads_an_item(ns, web, stub, browser):
     b = browser
     open_profile(b, web)
     keys = ActionChains(b)
-    keys.send_keys("j").perform()  # straight after Open: the keys go to the lists
+    keys.send_keys("j").perform()  # straight after the page opened: the keys go to the lists
     wait(b, lambda d: "cursor" in feed_row(d, 4).get_attribute("class"))
     keys.send_keys("j").send_keys("k").send_keys(Keys.ENTER).perform()
     wait(b, lambda d: d.find_element(By.ID, "feed-title").text == "Gateway news")
@@ -405,6 +317,14 @@ def test_phone_sized_screen_shows_one_pane_at_a_time(ns, web, stub, browser):
     assert b.execute_script("return document.documentElement.scrollWidth <= window.innerWidth")
 
 
+def test_kelp_web_ends_cleanly_while_a_page_is_open(ns, web, stub, browser):
+    d = news_stub(stub)
+    open_profile(browser, web)
+    web.stop()  # exit status 0, its streams ended first
+    assert d.closed.acquire(timeout=15)
+    ns.syslog.wait_for("stopped", ident="kelp-web")
+
+
 # --- against the real kelpd ------------------------------------------------------------
 
 DOC = ('<?xml version="1.0"?>\n'
@@ -414,9 +334,7 @@ DOC = ('<?xml version="1.0"?>\n'
 
 
 def test_real_kelpd_lists_the_feeds_and_reports_no_internet(ns, web, browser):
-    ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=DOC).returncode == 0
+    configure(ns, DOC)
     ns.internet(False)
     _, pid = ns.start_kelpd("-vvv")
     assert pid
@@ -443,16 +361,8 @@ POLLED = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.x
 
 
 def test_real_kelpd_polls_and_a_read_reaches_the_second_browser(ns, web, browser):
-    root = os.path.join(ns.tmp, "www")
-    os.makedirs(root)
-    os.chmod(ns.tmp, 0o755)
-    with open(os.path.join(root, "a.xml"), "w") as f:
-        f.write(FEED)
-    os.chmod(root, 0o755)
-    ns.start_nginx(root)
-    ns.start_configd()
-    for domain in ("rss", "podcast"):
-        assert ns.configctl("set", domain, "-", input=POLLED).returncode == 0
+    serve_feeds(ns, {"a.xml": FEED})
+    configure(ns, POLLED)
     _, pid = ns.start_kelpd("-vvv")
     assert pid
     ns.syslog.wait_for("incoming config data (handle=1)")

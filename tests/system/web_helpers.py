@@ -202,11 +202,21 @@ class StubKelpd:
 
 class KelpWeb:
     """kelp-web in the namespace's mount namespace (its control socket) but
-    on the host's loopback, where one Chromium serves every test."""
+    on the host's loopback, where one Chromium serves every test.
 
-    def __init__(self, ns):
+    kelpd="ns" (the default) has kelp-web start the built kelpd (with -vvv)
+    inside the namespace's network, where the test's feed servers are, by
+    way of a wrapper given with --kelpd; kelpd=None gives no --kelpd, so
+    kelp-web starts the kelpd beside its own program (in the host's
+    network, where no feed server of the test answers)."""
+
+    def __init__(self, ns, kelpd="ns"):
         self.ns = ns
         argv = ["nsenter", "--target", str(ns.pid), "--mount", "--", ns.bin("kelp-web"), "--listen", "127.0.0.1:0"]
+        if kelpd == "ns":
+            argv += ["--kelpd", kelpd_in_namespace(ns)]
+        elif kelpd is not None:
+            argv += ["--kelpd", kelpd]
         self.proc = subprocess.Popen(argv, env=ns.env(), cwd="/", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         ns._procs.append(self.proc)
         line = self.proc.stdout.readline().decode()
@@ -215,6 +225,15 @@ class KelpWeb:
         self.port = int(m.group(1))
         self.url = "http://127.0.0.1:%d/" % self.port
         self.origin = self.url.rstrip("/")
+
+    STARTED = re.compile(r"^kelpd started with pid (\d+)$")
+
+    def started(self, count=1, timeout=30):
+        """The pids of the first `count` kelpd that kelp-web started, once
+        it has logged them."""
+        self.ns.syslog.wait_count(self.STARTED, count, ident="kelp-web", timeout=timeout)
+        return [int(self.STARTED.match(t).group(1)) for t in self.ns.syslog.texts("kelp-web")
+                if self.STARTED.match(t)][:count]
 
     def request(self, method, path, body=None, headers=None):
         c = http.client.HTTPConnection("127.0.0.1", self.port, timeout=15)
@@ -254,6 +273,37 @@ class KelpWeb:
         if self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
             assert self.proc.wait(15) == 0
+
+
+def serve_feeds(ns, files):
+    """nginx serving files ({name: text or bytes}) as http://feeds.test/NAME."""
+    root = os.path.join(ns.tmp, "www")
+    os.makedirs(root)
+    for name, data in files.items():
+        with open(os.path.join(root, name), "wb") as f:
+            f.write(data if isinstance(data, bytes) else data.encode("utf-8"))
+    os.chmod(root, 0o755)
+    ns.start_nginx(root)
+
+
+def configure(ns, doc):
+    """configd holding doc in both domains; returns configd's process."""
+    p = ns.start_configd()
+    for domain in ("rss", "podcast"):
+        cp = ns.configctl("set", domain, "-", input=doc)
+        assert cp.returncode == 0, cp.stderr
+    return p
+
+
+def kelpd_in_namespace(ns):
+    """A program that runs the built kelpd, as "kelpd" and with -vvv, in the
+    namespace's network (kelp-web itself is on the host's loopback)."""
+    path = os.path.join(ns.tmp, "kelpd-in-ns")
+    with open(path, "w") as f:
+        f.write("#!/bin/sh\nexec nsenter --target %d --net -- /bin/bash -c 'exec -a kelpd \"$0\" -vvv' %s\n"
+                % (ns.pid, ns.bin("kelpd")))
+    os.chmod(path, 0o755)
+    return path
 
 
 def read_event(sock, buf):

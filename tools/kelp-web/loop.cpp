@@ -1,6 +1,7 @@
 // kelp-web's event loop: one poll over libmicrohttpd's epoll descriptor,
 // every session's control connection and the sockets of the parked event
-// streams (watched for the browser hanging up).
+// streams (watched for the browser hanging up), woken in time for kelpd on
+// demand (probes, pauses, logins sent again).
 #include "server.h"
 
 #include <poll.h>
@@ -50,8 +51,8 @@ void serve_ready(web_server *srv, const std::vector<pollfd> &fds, const std::vec
             continue;
         if (who[i].what == watch::stream)
             session_kill(&srv->sessions, s); // the browser went away
-        else if (s->ctl)
-            session_receive(&srv->sessions, s);
+        else if (s->ctl && !session_receive(&srv->sessions, s, mono_ms()))
+            ondemand_lost(srv, s, mono_ms());
     }
 }
 
@@ -67,10 +68,12 @@ void keep_alive(web_server *srv, time_t now)
 
 int wait_ms(web_server *srv)
 {
+    int ms = kMaxWaitMs;
     MHD_UNSIGNED_LONG_LONG t = 0;
-    if (MHD_get_timeout(srv->mhd.get(), &t) == MHD_YES && t < static_cast<MHD_UNSIGNED_LONG_LONG>(kMaxWaitMs))
-        return static_cast<int>(t);
-    return kMaxWaitMs;
+    if (MHD_get_timeout(srv->mhd.get(), &t) == MHD_YES && t < static_cast<MHD_UNSIGNED_LONG_LONG>(ms))
+        ms = static_cast<int>(t);
+    int kelpd = ondemand_wait_ms(srv, mono_ms());
+    return kelpd >= 0 && kelpd < ms ? kelpd : ms;
 }
 
 } // namespace
@@ -95,6 +98,7 @@ void server_run(web_server *srv, volatile const int *stop)
         if (n > 0)
             serve_ready(srv, fds, who);
         MHD_run(srv->mhd.get());
+        ondemand_turn(srv, mono_ms());
         time_t now = time(nullptr);
         session_expire(&srv->sessions, now);
         keep_alive(srv, now);

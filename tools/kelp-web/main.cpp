@@ -1,7 +1,9 @@
 // kelp-web: the gateway's feed reader in the browser. Serves one page on
 // 127.0.0.1:8080 (or --listen ADDR:PORT) and bridges each browser session
-// to its own connection on kelpd's control socket. It has no login of its
-// own: the gateway puts its own in front.
+// to its own connection on kelpd's control socket, starting kelpd when a
+// page needs it (--kelpd PATH names the program); the page edits the
+// subscriptions through configd. It has no login of its own: the gateway
+// puts its own in front.
 #include "server.h"
 
 #include "platform/kd_paths.h"
@@ -26,12 +28,14 @@ void on_stop(int)
 
 int usage(FILE *to, int status)
 {
-    fprintf(to, "usage: kelp-web [--listen ADDR:PORT] [--allow-host NAME]...\n"
+    fprintf(to, "usage: kelp-web [--listen ADDR:PORT] [--allow-host NAME]... [--kelpd PATH]\n"
                 "Serves kelp's feed reader page on http://ADDR:PORT/ (default 127.0.0.1:8080)\n"
                 "and connects each browser session to kelpd's control socket %s.\n"
                 "PORT 0 picks a free port; the URL is printed on standard output.\n"
                 "Requests are taken for IP addresses and localhost; --allow-host adds a\n"
-                "host name (the gateway's own, when a proxy passes it on).\n",
+                "host name (the gateway's own, when a proxy passes it on).\n"
+                "kelpd is started when a page needs it and is not running: PATH, else the\n"
+                "kelpd beside kelp-web, else the one on PATH.\n",
             KD_CTL_SOCKET);
     return status;
 }
@@ -73,6 +77,7 @@ int main(int argc, char **argv)
 {
     sockaddr_in addr;
     std::vector<std::string> hosts;
+    std::string kelpd;
     parse_listen("127.0.0.1:8080", &addr);
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0)
@@ -85,13 +90,18 @@ int main(int argc, char **argv)
             hosts.emplace_back(argv[++i]);
             continue;
         }
+        if (strcmp(argv[i], "--kelpd") == 0 && i + 1 < argc && *argv[i + 1]) {
+            kelpd = argv[++i];
+            continue;
+        }
         fprintf(stderr, "kelp-web: bad argument '%s'\n", argv[i]);
         return usage(stderr, 2);
     }
     openlog("kelp-web", LOG_PID | LOG_NDELAY, LOG_USER);
     catch_signals();
     kweb::web_server srv;
-    srv.ctl_path = KD_CTL_SOCKET;
+    srv.keeper.ctl_path = KD_CTL_SOCKET;
+    srv.keeper.program = kelpd;
     srv.allowed_hosts = std::move(hosts);
     if (!kweb::server_start(&srv, addr))
         return 1;
@@ -101,7 +111,7 @@ int main(int argc, char **argv)
     fflush(stdout);
     syslog(LOG_INFO, "listening on %s:%u", ip, kweb::server_port(&srv));
     kweb::server_run(&srv, &g_stop);
-    srv.mhd.reset();
+    kweb::server_stop(&srv);
     syslog(LOG_INFO, "stopped");
     return 0;
 }

@@ -2,6 +2,7 @@
 // streams, served by libmicrohttpd in external-poll (epoll) mode.
 #include "server.h"
 
+#include "cfgweb.h"
 #include "origin.h"
 #include "wire.h"
 
@@ -16,6 +17,9 @@ namespace kweb {
 namespace {
 
 constexpr size_t kMaxPostBytes = 4096;
+// An OPML file travels as a JSON string: room for its escapes.
+constexpr size_t kMaxImportPostBytes = 4 * kMaxOpmlBytes;
+constexpr char kConfigPrefix[] = "/api/config/";
 constexpr size_t kStreamBlock = 16384;
 
 // The body of a POST while it arrives; freed when the request completes.
@@ -121,8 +125,6 @@ ssize_t read_events(void *cls, uint64_t, char *buf, size_t max)
     size_t n = session_take(s, buf, max);
     if (n > 0)
         return static_cast<ssize_t>(n);
-    if (s->ending)
-        return MHD_CONTENT_READER_END_OF_STREAM;
     // Nothing to send: park the connection until the session wakes it.
     st->suspended = true;
     MHD_suspend_connection(st->conn);
@@ -171,18 +173,33 @@ MHD_Result open_session(web_server *srv, MHD_Connection *c, const std::vector<js
     if (!profile || !profile->is_number)
         return respond_error(c, MHD_HTTP_BAD_REQUEST, "profile must be a number");
     session *s = nullptr;
-    kd_unique_fd fd(ctl_connect(srv->ctl_path.c_str()));
-    switch (session_open(&srv->sessions, std::move(fd), domain->text, profile->number, time(nullptr), &s)) {
+    switch (session_open(&srv->sessions, domain->text, profile->number, time(nullptr), &s)) {
     case open_result::ok:
+        // Connected (or kelpd started) on this turn of the loop.
         return respond_json(c, MHD_HTTP_OK, "{\"session\":\"" + s->token + "\"}");
     case open_result::too_many:
         return respond_error(c, MHD_HTTP_SERVICE_UNAVAILABLE, "too many sessions");
-    case open_result::no_daemon:
-        return respond_error(c, MHD_HTTP_SERVICE_UNAVAILABLE, "kelpd is not running");
-    case open_result::send_failed:
+    case open_result::no_token:
         break;
     }
-    return respond_error(c, MHD_HTTP_SERVICE_UNAVAILABLE, "kelpd did not take the login");
+    return respond_error(c, MHD_HTTP_SERVICE_UNAVAILABLE, "no random numbers for a session");
+}
+
+// A configd request of the page; a stored change may let kelpd run again.
+MHD_Result config(web_server *srv, MHD_Connection *c, std::string_view what, const std::vector<json_member> &obj)
+{
+    web_reply reply;
+    if (!config_request(what, obj, &reply))
+        return respond_error(c, MHD_HTTP_NOT_FOUND, "unknown request");
+    if (reply.status == MHD_HTTP_OK && what != "list" && what != "opml-export")
+        ondemand_kick(srv, mono_ms());
+    if (reply.filename.empty())
+        return respond(c, reply.status, reply.body, reply.type);
+    response_ptr r(MHD_create_response_from_buffer(reply.body.size(), reply.body.data(), MHD_RESPMEM_MUST_COPY));
+    if (r)
+        MHD_add_response_header(r.get(), "Content-Disposition",
+                                ("attachment; filename=\"" + reply.filename + "\"").c_str());
+    return queue(c, reply.status, std::move(r), reply.type);
 }
 
 MHD_Result handle_post(web_server *srv, MHD_Connection *c, std::string_view url, const post_body &body)
@@ -198,6 +215,8 @@ MHD_Result handle_post(web_server *srv, MHD_Connection *c, std::string_view url,
         return respond_error(c, MHD_HTTP_BAD_REQUEST, "malformed JSON");
     if (url == "/api/session")
         return open_session(srv, c, obj);
+    if (url.starts_with(kConfigPrefix))
+        return config(srv, c, url.substr(sizeof(kConfigPrefix) - 1), obj);
     const json_member *token = json_find(obj, "session");
     session *s = token && !token->is_number ? session_find(&srv->sessions, token->text) : nullptr;
     if (!s || s->dead)
@@ -209,6 +228,8 @@ MHD_Result handle_post(web_server *srv, MHD_Connection *c, std::string_view url,
     std::string request;
     if (url != "/api/request" || !request_from_json(obj, s->domain, s->profile, &request))
         return respond_error(c, MHD_HTTP_BAD_REQUEST, "unknown request");
+    if (s->state != link::live)
+        return respond_error(c, MHD_HTTP_SERVICE_UNAVAILABLE, "kelpd is not ready yet: try again in a moment");
     if (!session_send(s, request))
         return respond_error(c, MHD_HTTP_BAD_GATEWAY, "kelpd has gone");
     return respond_json(c, MHD_HTTP_ACCEPTED, "{}");
@@ -224,7 +245,8 @@ MHD_Result collect_post(web_server *srv, MHD_Connection *c, const char *url, con
         return MHD_YES;
     }
     if (*size > 0) {
-        if (body->data.size() + *size > kMaxPostBytes)
+        size_t limit = strcmp(url, "/api/config/opml-import") == 0 ? kMaxImportPostBytes : kMaxPostBytes;
+        if (body->data.size() + *size > limit)
             body->too_big = true;
         else
             body->data.append(data, *size);
@@ -294,6 +316,18 @@ bool server_start(web_server *srv, const sockaddr_in &addr)
     }
     srv->mhd.reset(d);
     return true;
+}
+
+void server_stop(web_server *srv)
+{
+    // libmicrohttpd refuses to stop with a parked stream: every session is
+    // ended first, which wakes its stream to end itself.
+    std::vector<session *> all;
+    for (auto &s : srv->sessions.all)
+        all.push_back(s.get());
+    for (session *s : all)
+        session_kill(&srv->sessions, s);
+    srv->mhd.reset();
 }
 
 uint16_t server_port(web_server *srv)

@@ -32,13 +32,6 @@ bool make_token(std::string *token)
     return true;
 }
 
-// kd_unique_fd has no assignment: close the old descriptor, take the new.
-void replace_fd(kd_unique_fd *f, int fd)
-{
-    kd_unique_fd old(f->fd);
-    f->fd = fd;
-}
-
 void enqueue(session *s, std::string event)
 {
     s->queued += event.size();
@@ -75,26 +68,33 @@ int ctl_connect(const char *path)
     return fd.release();
 }
 
-open_result session_open(session_table *t, kd_unique_fd ctl, std::string_view domain, uint32_t profile,
-                         time_t now, session **out)
+open_result session_open(session_table *t, std::string_view domain, uint32_t profile, time_t now, session **out)
 {
     if (t->all.size() >= kMaxSessions)
         return open_result::too_many;
-    if (!ctl)
-        return open_result::no_daemon;
     auto s = std::make_unique<session>();
     if (!make_token(&s->token))
-        return open_result::no_daemon;
+        return open_result::no_token;
     s->domain = std::string(domain);
     s->profile = profile;
-    replace_fd(&s->ctl, ctl.release());
     s->born = now;
-    if (!session_send(s.get(), login_request(domain, profile)))
-        return open_result::send_failed;
     syslog(LOG_INFO, "session %.8s opened for profile %u of %s", s->token.c_str(), profile, s->domain.c_str());
     *out = s.get();
     t->all.push_back(std::move(s));
     return open_result::ok;
+}
+
+bool session_attach(session *s, kd_unique_fd ctl)
+{
+    s->ctl = std::move(ctl);
+    s->relogin_at = 0;
+    if (!session_send(s, login_request(s->domain, s->profile))) {
+        s->ctl = kd_unique_fd();
+        s->state = link::waiting;
+        return false;
+    }
+    s->state = link::login;
+    return true;
 }
 
 session *session_find(session_table *t, std::string_view token)
@@ -142,13 +142,26 @@ void session_keepalive(session_table *t, session *s)
 
 namespace {
 
-void kelpd_gone(session_table *t, session *s)
+void kelpd_gone(session *s)
 {
     syslog(LOG_INFO, "session %.8s: kelpd closed the connection", s->token.c_str());
-    replace_fd(&s->ctl, -1);
-    session_push(t, s, "{\"type\":\"gone\"}");
-    s->ending = true;
-    wake(t, s);
+    s->ctl = kd_unique_fd();
+    s->state = link::waiting;
+    s->relogin_at = 0;
+}
+
+// The answer to the login: a refusal for want of configuration (kelpd has
+// just started) is not the page's business; the login goes again shortly.
+bool login_answered(session *s, std::string_view text, int64_t now_ms)
+{
+    if (s->state != link::login || !(text.starts_with("OK\tlogin\t") || text.starts_with("ERROR\tlogin\t")))
+        return false;
+    if (text.starts_with("ERROR\tlogin\t19:")) {
+        s->relogin_at = now_ms + kReloginMs;
+        return true;
+    }
+    s->state = link::live;
+    return false;
 }
 
 // A packet over the limit is taken with a one-byte buffer, which discards
@@ -163,7 +176,7 @@ void drop_packet(session_table *t, session *s, ssize_t len)
 
 } // namespace
 
-bool session_receive(session_table *t, session *s)
+bool session_receive(session_table *t, session *s, int64_t now_ms)
 {
     if (!s->ctl)
         return false;
@@ -172,7 +185,7 @@ bool session_receive(session_table *t, session *s)
     if (len < 0 && (errno == EAGAIN || errno == EINTR))
         return true;
     if (len <= 0) {
-        kelpd_gone(t, s);
+        kelpd_gone(s);
         return false;
     }
     if (static_cast<size_t>(len) > t->max_packet) {
@@ -185,12 +198,25 @@ bool session_receive(session_table *t, session *s)
         return true;
     // The text ends at the first NUL; the padding behind it means nothing.
     block.resize(std::min(block.find('\0'), static_cast<size_t>(got)));
+    if (login_answered(s, block, now_ms))
+        return true;
     std::string json;
     if (message_to_json(block, &json))
         session_push(t, s, json);
     else
         syslog(LOG_NOTICE, "session %.8s: message from kelpd not understood", s->token.c_str());
     return true;
+}
+
+void session_relogin(session_table *t, int64_t now_ms)
+{
+    for (auto &s : t->all) {
+        if (s->state != link::login || s->relogin_at == 0 || now_ms < s->relogin_at)
+            continue;
+        s->relogin_at = 0;
+        if (!session_send(s.get(), login_request(s->domain, s->profile)))
+            s->relogin_at = now_ms + kReloginMs;
+    }
 }
 
 size_t session_take(session *s, char *buf, size_t max)
@@ -213,7 +239,7 @@ size_t session_take(session *s, char *buf, size_t max)
 
 void session_kill(session_table *t, session *s)
 {
-    replace_fd(&s->ctl, -1);
+    s->ctl = kd_unique_fd();
     s->dead = true;
     s->queue.clear();
     s->queued = 0;

@@ -2,6 +2,8 @@
 // page's JSON requests to request text (see wire.h).
 #include "wire.h"
 
+#include "util/kd_utf8.h"
+
 #include <cstdio>
 
 namespace kweb {
@@ -47,10 +49,10 @@ void append_number(std::string *out, std::string_view key, uint32_t v)
     out->append(std::to_string(v));
 }
 
-void append_text(std::string *out, std::string_view key, std::string_view latin1)
+void append_text(std::string *out, std::string_view key, std::string_view text)
 {
     append_key(out, key);
-    json_append_string(out, latin1);
+    json_append_string(out, text);
 }
 
 // A number field of the message; false when it is not a number.
@@ -218,22 +220,18 @@ bool parse_u32(std::string_view text, uint32_t *value)
     return true;
 }
 
-void json_append_string(std::string *out, std::string_view latin1)
+void json_append_string(std::string *out, std::string_view text)
 {
     out->push_back('"');
-    for (unsigned char c : latin1) {
+    for (unsigned char c : kd_wire_text(text)) {
         // '<', '>' and '&' are escaped too, so that no JSON text can ever
         // look like markup to anything that mishandles it.
         if (c < 0x20 || c == '"' || c == '\\' || c == '<' || c == '>' || c == '&' || c == 0x7f) {
             char esc[8];
             snprintf(esc, sizeof(esc), "\\u%04x", c);
             out->append(esc);
-        } else if (c < 0x80)
+        } else
             out->push_back(static_cast<char>(c));
-        else {
-            out->push_back(static_cast<char>(0xc0 | (c >> 6)));
-            out->push_back(static_cast<char>(0x80 | (c & 0x3f)));
-        }
     }
     out->push_back('"');
 }

@@ -1,6 +1,6 @@
 // kelp-web's translation between kelpd's client protocol and the page's
-// JSON: daemon messages (tab-separated key:value text in ISO 8859-1) become
-// one-line JSON events, the page's small JSON requests become request text.
+// JSON: daemon messages (tab-separated key:value text, each field in UTF-8
+// or ISO 8859-1) become one-line JSON events, the page's small JSON requests become request text.
 // Nothing here does input/output.
 #pragma once
 #include <cstdint>
@@ -26,9 +26,10 @@ inline constexpr size_t kMaxJsonMembers = 16;
 bool json_parse_object(std::string_view text, std::vector<json_member> *out);
 const json_member *json_find(const std::vector<json_member> &obj, std::string_view key);
 
-// Appends s as a quoted JSON string; the input is ISO 8859-1, the output
-// UTF-8 with every control byte and the HTML specials escaped as \uXXXX.
-void json_append_string(std::string *out, std::string_view latin1);
+// Appends a text from kelpd or configd as a quoted JSON string in UTF-8:
+// decoded by kd_wire_text (UTF-8 when valid, else ISO 8859-1), with every
+// control character and the HTML specials escaped as \uXXXX.
+void json_append_string(std::string *out, std::string_view text);
 
 // Digits only, at most 4294967295.
 bool parse_u32(std::string_view text, uint32_t *value);

@@ -144,38 +144,6 @@ std::vector<std::string> split_fields(const std::string &text)
     }
 }
 
-std::string latin1_to_utf8(const std::string &text)
-{
-    std::string out;
-    for (unsigned char c : text) {
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-            continue;
-        }
-        out.push_back(static_cast<char>(0xc0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3f)));
-    }
-    return out;
-}
-
-std::string visible(const std::string &text)
-{
-    std::string out;
-    for (unsigned char c : text) {
-        char hex[8];
-        if (c == '\t')
-            out += "\\t";
-        else if (c == '\\')
-            out += "\\\\";
-        else if (c < 0x20 || (c >= 0x7f && c < 0xa0)) {
-            snprintf(hex, sizeof(hex), "\\x%02x", c);
-            out += hex;
-        } else
-            out += latin1_to_utf8(std::string(1, static_cast<char>(c)));
-    }
-    return out;
-}
-
 bool interrupted()
 {
     return g_interrupted != 0;

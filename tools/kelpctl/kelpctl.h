@@ -52,9 +52,6 @@ int64_t now_ms();
 int left_ms(int64_t deadline);
 
 std::vector<std::string> split_fields(const std::string &text);
-// A message for a terminal: tabs as \t, control bytes as \xNN, Latin-1 as UTF-8.
-std::string visible(const std::string &text);
-std::string latin1_to_utf8(const std::string &text);
 bool interrupted();
 void catch_interrupts();
 
@@ -88,9 +85,13 @@ struct overview {
 overview parse_overview(const std::string &text);
 
 // --- output (print.cpp) ---
-// Text for people: Latin-1 as UTF-8, control bytes as \xNN; newlines stay
+// Text for people: each field decoded by kd_wire_text (UTF-8 when it is
+// valid UTF-8, else Latin-1), control characters as \xNN; newlines stay
 // when multiline, else they become spaces.
 std::string readable(const std::string &text, bool multiline);
+// A whole message for a terminal: its fields decoded as above, tabs as \t,
+// a backslash as \\, control characters as \xNN.
+std::string visible(const std::string &text);
 void print_feeds(const std::vector<feed_row> &rows);
 // One feed's overview as a table under a header line; none: no items yet.
 void print_overview(const feed_row &feed, const overview *ov, int api);

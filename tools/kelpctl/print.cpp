@@ -1,18 +1,43 @@
 // kelpctl's output for people: the feed table, an overview as a table of
-// items with their read state, and one readable line per message for watch.
+// items with their read state, one readable line per message for watch,
+// and the decoding of the daemon's texts for a terminal.
 #include "kelpctl.h"
 
+#include "util/kd_utf8.h"
+
 #include <cstdio>
+#include <string_view>
 
 namespace kelpctl {
 
 namespace {
 
-std::string escaped_byte(unsigned char c)
+// A control character as \xNN: C0, DEL and the C1 range, whichever way
+// the field was encoded.
+bool is_control(uint32_t cp)
+{
+    return cp < 0x20 || (cp >= 0x7f && cp < 0xa0);
+}
+
+std::string escaped_byte(uint32_t c)
 {
     char hex[8];
-    snprintf(hex, sizeof(hex), "\\x%02x", c);
+    snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned>(c));
     return hex;
+}
+
+// Calls f with each character of a valid UTF-8 text: its code point and bytes.
+template <typename F>
+void each_char(const std::string &utf8, F f)
+{
+    auto *p = reinterpret_cast<const unsigned char *>(utf8.data());
+    for (size_t i = 0; i < utf8.size();) {
+        uint32_t cp = 0;
+        size_t len = kd_utf8_char(p + i, utf8.size() - i, &cp);
+        len = len ? len : 1; // cannot happen after kd_wire_text; never loop
+        f(cp, std::string_view(utf8).substr(i, len));
+        i += len;
+    }
 }
 
 // A flag of the overview's state number as a table cell.
@@ -78,15 +103,34 @@ std::string or_unknown(const std::string &text)
 std::string readable(const std::string &text, bool multiline)
 {
     std::string out;
-    for (unsigned char c : text) {
-        if (c == '\n' || c == '\t')
-            out += multiline ? std::string(1, static_cast<char>(c)) : " ";
-        else if (c == '\r')
+    each_char(kd_wire_text(text), [&](uint32_t cp, std::string_view bytes) {
+        if (cp == '\n' || cp == '\t')
+            out += multiline ? std::string(bytes) : " ";
+        else if (cp == '\r')
             out += multiline ? "" : " ";
-        else if (c < 0x20 || (c >= 0x7f && c < 0xa0))
-            out += escaped_byte(c);
+        else if (is_control(cp))
+            out += escaped_byte(cp);
         else
-            out += latin1_to_utf8(std::string(1, static_cast<char>(c)));
+            out += bytes;
+    });
+    return out;
+}
+
+std::string visible(const std::string &text)
+{
+    std::string out;
+    std::vector<std::string> fields = split_fields(text);
+    for (size_t i = 0; i < fields.size(); i++) {
+        if (i > 0)
+            out += "\\t";
+        each_char(kd_wire_text(fields[i]), [&](uint32_t cp, std::string_view bytes) {
+            if (cp == '\\')
+                out += "\\\\";
+            else if (is_control(cp))
+                out += escaped_byte(cp);
+            else
+                out += bytes;
+        });
     }
     return out;
 }

@@ -1,6 +1,7 @@
-// kelp-web's sessions over socket pairs standing in for kelpd: the login,
-// events queued and taken, the wake-ups of a waiting stream, and every way a
-// session ends closing its control connection.
+// kelp-web's sessions over socket pairs standing in for kelpd: the login
+// and its repetition while kelpd has no configuration, events queued and
+// taken, the wake-ups of a waiting stream, a session that outlives kelpd,
+// and every way a session ends closing its control connection.
 #include "session.h"
 
 #include <gtest/gtest.h>
@@ -54,7 +55,9 @@ protected:
             close(kelpd);
         kelpd = sv[1];
         session *s = nullptr;
-        EXPECT_EQ(session_open(&table, kd_unique_fd(sv[0]), domain, profile, now, &s), open_result::ok);
+        EXPECT_EQ(session_open(&table, domain, profile, now, &s), open_result::ok);
+        EXPECT_EQ(s->state, link::waiting);
+        EXPECT_TRUE(session_attach(s, kd_unique_fd(sv[0])));
         return s;
     }
 
@@ -112,9 +115,9 @@ TEST_F(web_session, DaemonMessagesBecomeEventsTakenInPieces)
 {
     session *s = open();
     say("OK\tlogin\tdomain:rss\tprofile_id:1\tname:News\tfeed_id:4");
-    EXPECT_TRUE(session_receive(&table, s));
+    EXPECT_TRUE(session_receive(&table, s, 0));
     say("overview\tdomain:rss\tprofile_id:1\tfeed_id:4\tnumber:0\tnumber_new:0");
-    EXPECT_TRUE(session_receive(&table, s));
+    EXPECT_TRUE(session_receive(&table, s, 0));
     EXPECT_EQ(take_all(s),
               "data: {\"type\":\"answer\",\"ok\":true,\"cmd\":\"login\",\"domain\":\"rss\",\"profile_id\":1,"
               "\"feeds\":[{\"name\":\"News\",\"feed_id\":4}]}\n\n"
@@ -128,7 +131,7 @@ TEST_F(web_session, MessagesNotUnderstoodAreNotQueued)
 {
     session *s = open();
     say("hello\tworld");
-    EXPECT_TRUE(session_receive(&table, s));
+    EXPECT_TRUE(session_receive(&table, s, 0));
     EXPECT_EQ(s->queued, 0u);
 }
 
@@ -225,22 +228,71 @@ TEST_F(web_session, DroppedAtTheCapWithoutStreamIsRemoved)
     EXPECT_TRUE(control_closed());
 }
 
-TEST_F(web_session, KelpdClosingEndsTheStreamAfterItsQueue)
+TEST_F(web_session, KelpdClosingLeavesTheSessionWaiting)
 {
     session *s = open();
     int stream;
     s->stream = &stream;
+    say("OK\tlogin\tdomain:rss\tprofile_id:1");
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_EQ(s->state, link::live);
     say("OK\tstatus\tdomain:rss\tprofile_id:1");
     next_request(); // kelpd has read the login before it goes
     close(kelpd);
     kelpd = -1;
-    EXPECT_TRUE(session_receive(&table, s));
-    EXPECT_FALSE(session_receive(&table, s));
-    EXPECT_TRUE(s->ending);
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_FALSE(session_receive(&table, s, 0));
+    EXPECT_EQ(s->state, link::waiting);
     EXPECT_FALSE(s->ctl);
-    EXPECT_EQ(take_all(s), "data: {\"type\":\"answer\",\"ok\":true,\"cmd\":\"status\",\"domain\":\"rss\","
-                           "\"profile_id\":1}\n\ndata: {\"type\":\"gone\"}\n\n");
+    EXPECT_FALSE(s->dead);
+    EXPECT_EQ(session_find(&table, s->token), s);
+    EXPECT_EQ(take_all(s), "data: {\"type\":\"answer\",\"ok\":true,\"cmd\":\"login\",\"domain\":\"rss\","
+                           "\"profile_id\":1,\"feeds\":[]}\n\n"
+                           "data: {\"type\":\"answer\",\"ok\":true,\"cmd\":\"status\",\"domain\":\"rss\","
+                           "\"profile_id\":1}\n\n");
     EXPECT_FALSE(session_send(s, "status"));
+    // kelpd is back: the same session logs in again on a new connection.
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv), 0);
+    kelpd = sv[1];
+    EXPECT_TRUE(session_attach(s, kd_unique_fd(sv[0])));
+    EXPECT_EQ(s->state, link::login);
+    EXPECT_EQ(next_request(), "login\tv:3\tdomain:rss\tprofile_id:1");
+}
+
+TEST_F(web_session, LoginRefusedForWantOfConfigurationIsSentAgain)
+{
+    session *s = open();
+    EXPECT_EQ(next_request(), "login\tv:3\tdomain:rss\tprofile_id:1");
+    say("ERROR\tlogin\t19:KD_NO_CONFIG\tdomain:rss\tprofile_id:1");
+    EXPECT_TRUE(session_receive(&table, s, 5000));
+    EXPECT_EQ(s->queued, 0u); // the page is not told
+    EXPECT_EQ(s->state, link::login);
+    EXPECT_EQ(s->relogin_at, 5000 + kReloginMs);
+    session_relogin(&table, 5000 + kReloginMs - 1);
+    EXPECT_EQ(next_request(), "");
+    session_relogin(&table, 5000 + kReloginMs);
+    EXPECT_EQ(next_request(), "login\tv:3\tdomain:rss\tprofile_id:1");
+    EXPECT_EQ(s->relogin_at, 0);
+    say("ERROR\tlogin\t14:KD_DOMAIN_NOT_FOUND\tdomain:rss\tprofile_id:1");
+    EXPECT_TRUE(session_receive(&table, s, 6000));
+    EXPECT_EQ(s->state, link::live); // any other answer is the page's
+    EXPECT_NE(take_all(s).find("KD_DOMAIN_NOT_FOUND"), std::string::npos);
+}
+
+TEST_F(web_session, OnlyTheLoginAnswerMakesTheSessionLive)
+{
+    session *s = open();
+    say("overview\tdomain:rss\tprofile_id:1\tfeed_id:4\tnumber:0\tnumber_new:0");
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_EQ(s->state, link::login);
+    say("OK\tlogin\tdomain:rss\tprofile_id:1");
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_EQ(s->state, link::live);
+    // A later refusal for want of configuration is passed on as it is.
+    say("ERROR\tlogin\t19:KD_NO_CONFIG\tdomain:rss\tprofile_id:1");
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_NE(take_all(s).find("KD_NO_CONFIG"), std::string::npos);
 }
 
 TEST_F(web_session, OversizedMessageIsDroppedAndTheNextOneArrives)
@@ -250,8 +302,8 @@ TEST_F(web_session, OversizedMessageIsDroppedAndTheNextOneArrives)
     std::string huge = "overview\tdomain:rss\tsubject:" + std::string(4096, 'x');
     say(huge);
     say("OK\tstatus\tdomain:rss\tprofile_id:1");
-    EXPECT_TRUE(session_receive(&table, s));
-    EXPECT_TRUE(session_receive(&table, s));
+    EXPECT_TRUE(session_receive(&table, s, 0));
+    EXPECT_TRUE(session_receive(&table, s, 0));
     EXPECT_EQ(take_all(s), "data: {\"type\":\"error\",\"text\":\"a message from kelpd was too large and was "
                            "dropped\"}\n\ndata: {\"type\":\"answer\",\"ok\":true,\"cmd\":\"status\","
                            "\"domain\":\"rss\",\"profile_id\":1}\n\n");
@@ -262,7 +314,7 @@ TEST_F(web_session, ALargeMessageUnderTheLimitArrivesWhole)
     session *s = open();
     std::string subject(100000, 's');
     say("overview\tdomain:rss\tprofile_id:1\tfeed_id:4\tnumber:1\tnumber_new:1\tuid:1\tstate:0\tsubject:" + subject);
-    EXPECT_TRUE(session_receive(&table, s));
+    EXPECT_TRUE(session_receive(&table, s, 0));
     EXPECT_NE(take_all(s).find("\"subject\":\"" + subject + "\"}]}\n\n"), std::string::npos);
 }
 
@@ -288,28 +340,20 @@ TEST_F(web_session, ASessionWithStreamDoesNotExpire)
 
 TEST_F(web_session, SessionsAreLimited)
 {
-    std::vector<int> peers;
-    for (size_t i = 0; i < kMaxSessions; i++) {
+    for (size_t i = 0; i < kMaxSessions; i++)
         open();
-        peers.push_back(kelpd);
-        kelpd = -1;
-    }
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
     session *s = nullptr;
-    EXPECT_EQ(session_open(&table, kd_unique_fd(sv[0]), "rss", 1, 0, &s), open_result::too_many);
+    EXPECT_EQ(session_open(&table, "rss", 1, 0, &s), open_result::too_many);
     EXPECT_EQ(s, nullptr);
-    char c;
-    EXPECT_EQ(recv(sv[1], &c, 1, MSG_DONTWAIT), 0); // the refused descriptor was closed
-    close(sv[1]);
-    for (int p : peers)
-        close(p);
+    EXPECT_EQ(table.all.size(), kMaxSessions);
 }
 
-TEST_F(web_session, NoDaemonMeansNoSession)
+TEST_F(web_session, ASessionWaitsForKelpdAndTakesNoRequests)
 {
     session *s = nullptr;
-    EXPECT_EQ(session_open(&table, kd_unique_fd(), "rss", 1, 0, &s), open_result::no_daemon);
-    EXPECT_TRUE(table.all.empty());
+    ASSERT_EQ(session_open(&table, "rss", 1, 0, &s), open_result::ok);
+    EXPECT_EQ(s->state, link::waiting);
+    EXPECT_FALSE(session_send(s, "status"));
+    EXPECT_FALSE(session_receive(&table, s, 0));
     EXPECT_EQ(ctl_connect("/nonexistent/kelpd.ctl"), -1);
 }

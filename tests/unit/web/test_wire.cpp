@@ -95,11 +95,25 @@ TEST(wire, OverviewOfAFeedNeverFetched)
               "\"number_new\":0,\"items\":[]}");
 }
 
-TEST(wire, TextIsLatin1EscapedForJsonAndNeverMarkup)
+TEST(wire, Latin1TextIsEscapedForJsonAndNeverMarkup)
 {
     std::string out;
     json_append_string(&out, std::string_view("<script>\"a\\b\"&\x01\x7f\xe9\xff", 18));
     EXPECT_EQ(out, "\"\\u003cscript\\u003e\\u0022a\\u005cb\\u0022\\u0026\\u0001\\u007f\xc3\xa9\xc3\xbf\"");
+}
+
+TEST(wire, EachFieldIsDecodedOnItsOwn)
+{
+    // A UTF-8 subject (dash, curly quotes, euro, emoji, CJK) beside a
+    // Latin-1 one: each is shown as the feed wrote it.
+    std::string json = event("overview\tdomain:rss\tprofile_id:1\tfeed_id:4\tnumber:2\tnumber_new:2"
+                             "\tuid:1\tstate:0\tsubject:Caf\xc3\xa9 \xe2\x80\x94 \xe2\x80\x9c" "best\xe2\x80\x9d 3 \xe2\x82\xac"
+                             " \xf0\x9f\x8c\xa7 \xe6\x97\xa5\xe6\x9c\xac"
+                             "\tuid:2\tstate:0\tsubject:Caf\xe9 cr\xe8me");
+    EXPECT_NE(json.find("\"subject\":\"Caf\xc3\xa9 \xe2\x80\x94 \xe2\x80\x9c" "best\xe2\x80\x9d 3 \xe2\x82\xac"
+                        " \xf0\x9f\x8c\xa7 \xe6\x97\xa5\xe6\x9c\xac\""),
+              std::string::npos) << json;
+    EXPECT_NE(json.find("\"subject\":\"Caf\xc3\xa9 cr\xc3\xa8me\""), std::string::npos) << json;
 }
 
 TEST(wire, HostileSubjectStaysOneString)
