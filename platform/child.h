@@ -31,8 +31,9 @@ int child_drop_privileges(const child_account *account);
 // SIGKILL to a child; the kernel reaps it.
 void child_kill(pid_t pid);
 
-// Waits until a killed child has gone (SIGCHLD ignored: waitpid returns once
-// it has, with ECHILD), so that nothing of it outlives the daemon.
+// Waits until a child that has ended or was killed is gone (with SIGCHLD
+// ignored, waitpid returns once the kernel has reaped it, with ECHILD), so
+// that none outlives its work. Never for a child still at work: it blocks.
 void child_wait_gone(pid_t pid);
 
 // Writes all n bytes to a blocking descriptor; false when the reader is gone.

@@ -74,15 +74,21 @@ void free_fetch(kd_fetch *f)
 }
 
 // The child, its pipe and its deadline go; the record stays with the caller.
-void stop_child(kd_fetch *f)
+// A child that has not closed its pipe is alive, so its pid is still its own
+// to kill; one that has is on its way out. Either way it is waited for, so no
+// child outlives its fetch.
+void stop_child(kd_fetch *f, bool pipe_ended)
 {
-    child_kill(f->pid);
+    if (!pipe_ended)
+        child_kill(f->pid);
     csock_fastclose(f->handle);
     if (f->fd >= 0)
         close(f->fd);
     timeout_del(f->timer);
+    child_wait_gone(f->pid);
     f->fd = -1;
     f->timer = 0;
+    f->pid = 0;
 }
 
 void release_result(httpcli_buffer *resp, http_result *res)
@@ -102,11 +108,11 @@ void relay_line(int prio, const char *text)
 void start_waiting();
 
 // The fetch has ended, well (a complete answer) or not: the poll goes on.
-void finish(kd_fetch *f, bool answered)
+void finish(kd_fetch *f, bool answered, bool pipe_ended)
 {
     unlink_from(&g_fetch.running, f);
     g_fetch.nrunning--;
-    stop_child(f);
+    stop_child(f, pipe_ended);
     httpcli_buffer resp{};
     http_result res{};
     int code = HTTPCLI_NO_CONNECTION;
@@ -134,9 +140,9 @@ void on_readable(int, void *ctx)
         if (n < 0 && (errno == EAGAIN || errno == EINTR))
             return;
         if (n == 0)
-            return finish(f, kd_fetch_complete(&f->reader));
+            return finish(f, kd_fetch_complete(&f->reader), true);
         if (n < 0 || dst == &extra || !kd_fetch_got(&f->reader, static_cast<size_t>(n)))
-            return finish(f, false);
+            return finish(f, false, false);
     }
 }
 
@@ -145,7 +151,7 @@ void on_deadline(void *ctx, int)
 {
     auto *f = static_cast<kd_fetch *>(ctx);
     f->timer = 0;
-    finish(f, false);
+    finish(f, false, false);
 }
 
 // The account is looked up once; false when root has no one to become.
@@ -192,7 +198,7 @@ void run(kd_fetch *f)
     append(&g_fetch.running, f);
     g_fetch.nrunning++;
     if (!spawn(f))
-        finish(f, false);
+        finish(f, false, false);
 }
 
 void start_waiting()
@@ -284,7 +290,7 @@ void kd_fetch_cancel(const kd_node *feed)
         return;
     unlink_from(&g_fetch.running, r);
     g_fetch.nrunning--;
-    stop_child(r);
+    stop_child(r, false);
     free_fetch(r);
     start_waiting();
 }
@@ -298,8 +304,7 @@ void kd_fetch_cancel_all(void)
     while (kd_fetch *r = g_fetch.running) {
         unlink_from(&g_fetch.running, r);
         g_fetch.nrunning--;
-        stop_child(r);
-        child_wait_gone(r->pid);
+        stop_child(r, false);
         free_fetch(r);
     }
 }
