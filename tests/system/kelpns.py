@@ -27,7 +27,7 @@ CLONE_NEWNET = 0x40000000
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
-HOSTS = {"feeds.test": "127.0.0.1", "other.test": "127.0.0.2", "slow.test": "127.0.0.3"}
+HOSTS = {"feeds.test": "127.0.0.1", "other.test": "127.0.0.2", "slow.test": "127.0.0.3", "v6.test": "::1"}
 
 # Failures that any test must notice, wherever they appear.
 _BAD_LOG = re.compile(r"assertion|runtime error|Sanitizer", re.I)
@@ -164,8 +164,10 @@ class Namespace:
         return s
 
     def listen_tcp(self, host="127.0.0.1", port=0):
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+
         def make():
-            s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+            s = socket.socket(family, socket.SOCK_STREAM)
             s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             s.bind((host, port))
             s.listen(16)

@@ -1,86 +1,18 @@
-"""Signals while the daemon is busy. SIGTERM that arrives while a poll holds
-the loop is served as soon as the poll has ended (the served signals are
-blocked outside the wait), so the daemon ends cleanly: exit 0, pid file
-gone, clients let go; a server that never finishes cannot delay that beyond
-the fetch's deadline. Storms of SIGHUP and SIGUSR2 from a loop while clients
-send requests and polls run: every request is answered exactly, the
-verbosity steps through its cycle one served signal at a time, every status
-dump is whole (no other line inside it), and the daemon works afterwards."""
+"""Signals while the daemon is busy: storms of SIGHUP and SIGUSR2 from a
+loop while clients send requests and polls run: every request is answered
+exactly, the verbosity steps through its cycle one served signal at a time,
+every status dump is whole (no other line inside it), and the daemon works
+afterwards. (SIGTERM while fetches are in flight: test_fetch_children.py.)"""
 import os
 import re
-import select
 import signal
 import threading
 import time
 
-from kelpd_helpers import PIDFILE, has
 from refresh_helpers import Client, Site, doc, entry, feed, overview, profile, set_rss, start_all
 
-BASE = "http://other.test:8080/"
 COURTESY = "SIGUSR2 usage courtesy of jov :)"
 SLAB = re.compile(r"^slab statistics of kelpd")
-HOLD = 60  # the fetch's deadline, with room for a slow (sanitized) daemon
-
-
-class SlowServer:
-    """other.test:8080/slow: the headers and the start of a feed, then a
-    blank every second (so no single wait runs out) until `release` is set,
-    then the rest; without `release`, until the daemon hangs up."""
-
-    def __init__(self, ns):
-        self.mid_body = threading.Event()
-        self.release = threading.Event()
-        ns.serve_http(self.handle, host="127.0.0.2", port=8080)
-
-    def handle(self, data, conn):
-        text = feed("K", "L").encode("latin-1")
-        cut = text.index(b"<item>")
-        conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\n\r\n" + text[:cut])
-        self.mid_body.set()
-        while not self.release.wait(1):
-            if select.select([conn], [], [], 0)[0]:
-                return  # the daemon hung up
-            conn.sendall(b" ")
-        conn.sendall(text[cut:])
-
-
-def term_during_poll(ns):
-    server = SlowServer(ns)
-    url = BASE + "slow"
-    _, pid = start_all(ns, doc(entry(1, url), profile(1, 1)))
-    c = Client(ns)
-    assert c.login(1).startswith("OK\tlogin\t")
-    assert server.mid_body.wait(15)
-    ns.signal(pid, signal.SIGTERM)
-    return server, pid, c, url
-
-
-def ended_cleanly(ns, pid, c):
-    assert ns.wait_exit(pid, timeout=HOLD) == 0
-    assert has(ns, "received terminate signal")
-    ns.syslog.wait_for("shutting down with exit code 0")
-    assert not os.path.exists(ns.path(PIDFILE))
-    # The connected client was let go, not left hanging.
-    c.sock.settimeout(15)
-    while c.sock.recv(1 << 16):
-        pass
-
-
-def test_sigterm_while_a_poll_is_mid_body_ends_after_the_poll(ns):
-    server, pid, c, url = term_during_poll(ns)
-    server.release.set()
-    ended_cleanly(ns, pid, c)
-    # The poll in progress was finished, not cut off by the signal.
-    texts = ns.syslog.texts()
-    assert texts.index("HTTP OK [%s]" % url) < texts.index("received terminate signal")
-
-
-def test_sigterm_while_the_server_never_finishes_ends_at_the_deadline(ns):
-    server, pid, c, url = term_during_poll(ns)
-    ended_cleanly(ns, pid, c)
-    texts = ns.syslog.texts()
-    assert texts.index("no connection to server [%s]" % url) < texts.index("received terminate signal")
-    server.release.set()
 
 
 def requester(c, profile_id, n, failures):
