@@ -1,4 +1,5 @@
-// httpcli: fetches one document by URL with a blocking HTTP/1.1 GET, every
+// httpcli: fetches one document by URL with a blocking HTTP/1.1 GET (names
+// resolved with getaddrinfo, each IPv6 or IPv4 address tried in turn), every
 // wait bounded by the context's time-out and the whole fetch by a deadline;
 // follows redirects with loop detection, decodes chunked bodies in place and
 // bounds the response size.
@@ -43,7 +44,8 @@ inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = 196608;
 // hop together, on the monotonic clock: the per-wait time-out alone lets a
 // server that trickles a byte per wait hold the caller for days. A fetch
 // that runs out ends with HTTPCLI_NO_CONNECTION and no body. Host name
-// resolution is the one step it cannot cut short.
+// resolution is the one step it cannot cut short; the daemon, which fetches
+// in child processes, kills a child that outlives the same deadline.
 inline constexpr float HTTPCLI_FETCH_DEADLINE = 20.0f;
 
 extern httpcli_ctx http_default_context;
