@@ -14,6 +14,10 @@
 #include "refresh/kd_fetch_wire.h"
 #include "util/kd_log.h"
 
+#ifndef KELP_FETCH_USER
+#define KELP_FETCH_USER "nobody"
+#endif
+
 namespace {
 
 // One fetch, running (pid > 0) or waiting for a free place.

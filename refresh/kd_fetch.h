@@ -19,11 +19,6 @@ struct kd_node;
 // a burst.
 inline constexpr unsigned KD_FETCH_PARALLEL = 4;
 
-// The account fetches run as when the daemon runs as root.
-#ifndef KELP_FETCH_USER
-#define KELP_FETCH_USER "nobody"
-#endif
-
 // What finishes a poll once its fetch has ended: the HTTP client's result
 // code (HTTPCLI_NO_CONNECTION when the child failed or ran out of time), the
 // body and the headers. The fetch module releases resp->start and the
@@ -40,7 +35,8 @@ struct kd_fetch_hooks {
     bool inline_fetch;
     // The deadline of a fetch, from its start.
     uint32_t deadline_ms;
-    // The unprivileged account.
+    // The unprivileged account fetches run as when the daemon is root: the
+    // build's KELP_FETCH_USER, "nobody" unless it names another.
     const char *account;
 };
 void kd_fetch_set_hooks(const kd_fetch_hooks *hooks);
