@@ -159,20 +159,43 @@ def test_a_child_killed_mid_fetch_ends_the_poll_as_no_connection(ns):
     c.wait_push(overview(1, [(0, 0, "K /slow1?again"), (1, 0, "L /slow1?again")]))
 
 
-def test_sigterm_with_fetches_in_flight_kills_every_child_and_ends_cleanly(ns):
+def in_flight(ns, n):
+    """configd, kelpd and a client fetching n held feeds; returns
+    (configd, kelpd pid, client, the fetching children)."""
     server = HeldServer(ns)
-    _, pid = start_all(ns, doc(slow_feeds(3), profile(1, 1, 2, 3)))
+    configd, pid = start_all(ns, doc(slow_feeds(n), profile(1, *range(1, n + 1))))
     c = Client(ns)
     assert c.login(1).startswith("OK\tlogin\t")
-    server.wait_arrivals(3)
-    kids = wait_children(ns, pid, 3)
-    ns.signal(pid, signal.SIGTERM)
+    server.wait_arrivals(n)
+    return server, configd, pid, c, wait_children(ns, pid, n)
+
+
+def ended_without_children(ns, pid, kids, why):
     assert ns.wait_exit(pid, timeout=HOLD) == 0
-    assert ns.syslog.count("received terminate signal") == 1
-    ns.syslog.wait_for("shutting down with exit code 0")
+    ns.syslog.wait_for(why)
     assert [k for k in kids if os.path.exists("/proc/%d" % k)] == []
-    # The answers were dropped: no poll of them ended.
     assert outcomes(ns, BASE) == []
+
+
+def test_sigterm_with_fetches_in_flight_kills_every_child_and_ends_cleanly(ns):
+    server, _, pid, _, kids = in_flight(ns, 3)
+    ns.signal(pid, signal.SIGTERM)
+    ended_without_children(ns, pid, kids, "shutting down with exit code 0")
+    assert ns.syslog.count("received terminate signal") == 1
+    server.release()
+
+
+def test_the_last_client_leaving_while_fetches_run_ends_every_child(ns):
+    server, _, pid, c, kids = in_flight(ns, 2)
+    c.close()
+    ended_without_children(ns, pid, kids, "last client disconnected")
+    server.release()
+
+
+def test_configd_ending_while_fetches_run_ends_every_child(ns):
+    server, configd, pid, _, kids = in_flight(ns, 2)
+    configd.kill()
+    ended_without_children(ns, pid, kids, "configd connection closed")
     server.release()
 
 
