@@ -3,9 +3,11 @@ a client is answered while slow feeds are fetched; the first four feeds of
 a login are fetched at once and the fifth waits for one of them; a name
 server that never answers holds nobody and the poll ends as no connection at
 the deadline; the child runs unprivileged with nothing of the daemon's; IPv6
-hosts are fetched; a child killed mid-fetch, SIGTERM with fetches in flight
-and a configuration that drops the feed meanwhile leave no child behind; a
-thousand fetches leave no descriptor and no child."""
+hosts are fetched; a child killed mid-fetch ends its poll as no connection;
+SIGTERM, the last client leaving or configd ending while fetches are in
+flight, and a configuration that drops the feed meanwhile, leave no child
+behind and no answer taken; a thousand fetches leave no descriptor and no
+child."""
 import os
 import re
 import signal
