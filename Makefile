@@ -1,8 +1,9 @@
-# The two commands: `make check` runs every test (plain, then under ASan+UBSan,
-# then the HTTP tests against a build without TLS); `make demo` runs the main
-# job. Both install missing Debian packages first. `make bench` runs the
-# benchmarks (bench/README.md), `make fuzz` the fuzzers (fuzz/README.md).
-.PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls fuzz clean
+# The two commands: `make check` lints the manual pages and runs every test
+# (plain, then under ASan+UBSan, then the HTTP tests against a build without
+# TLS); `make demo` runs the main job. Both install missing Debian packages
+# first. `make bench` runs the benchmarks (bench/README.md), `make fuzz` the
+# fuzzers (fuzz/README.md).
+.PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls lint-man fuzz clean
 
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
@@ -41,7 +42,14 @@ test-notls: build-notls
 	  echo "KELP_TLS=OFF build links a TLS library" >&2; exit 1; fi
 	cd $(BUILD_NOTLS) && ctest --output-on-failure -j$(CTEST_J) -R '^system_test_http'
 
-check: test test-asan test-notls
+# The manual pages fail the check on any mandoc message of level WARNING or
+# above. STYLE is below the line: its "referenced manual not found" depends
+# on which manuals the machine has installed, and these pages, never
+# installed, refer to each other.
+lint-man: deps
+	mandoc -T lint -W warning docs/man/*.[18]
+
+check: lint-man test test-asan test-notls
 
 # Benchmarks, not tests: an optimised tree, then every bench/suite_* through
 # bench/run.py, which prints one table and writes bench/results.json. -O2:
