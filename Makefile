@@ -80,6 +80,7 @@ demo: build
 # PNG files in $(BUILD)/screenshots, for people to look at (not a test).
 .PHONY: screenshots
 screenshots: build
+	@scripts/install-deps.sh --screenshots
 	/usr/bin/python3 tests/system/web_screenshots.py $(BUILD)/bin $(BUILD)/screenshots
 
 clean:

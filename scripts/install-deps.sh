@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing and the demo need.
 # Idempotent: does nothing when everything is already there. mandoc checks
-# the manual pages; the two fonts let Chromium draw the CJK and emoji texts
-# of the page instead of empty boxes (make screenshots).
+# the manual pages. `install-deps.sh --screenshots` adds two fonts so that
+# Chromium draws the page's CJK and emoji texts instead of empty boxes; the
+# tests compare the texts themselves and need no fonts.
 set -euo pipefail
 
 # --- cross build (make cross, make bench only) -------------------------------
@@ -39,8 +40,10 @@ pkgs=(cmake ninja-build g++ pkg-config libmxml-dev libmbedtls-dev
       googletest libgtest-dev libgmock-dev libbenchmark-dev valgrind
       python3 python3-pytest iproute2 util-linux curl nginx-light strace
       openssl ca-certificates clang libclang-rt-14-dev
-      libmicrohttpd-dev chromium chromium-driver python3-selenium mandoc
-      fonts-wqy-microhei fonts-noto-color-emoji)
+      libmicrohttpd-dev chromium chromium-driver python3-selenium mandoc)
+if [ "${1:-}" = "--screenshots" ]; then
+  pkgs+=(fonts-wqy-microhei fonts-noto-color-emoji)
+fi
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
