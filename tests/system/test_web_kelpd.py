@@ -10,7 +10,7 @@ from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 
 from web_helpers import KelpWeb, configure, serve_feeds
-from web_page import browser, chrome, feed_row, is_inert, open_profile, wait, web  # noqa: F401
+from web_page import browser, chrome, click, feed_row, is_inert, open_profile, wait, web  # noqa: F401
 
 GONE = re.compile(r"^kelpd has gone; next try in (\d+) ms$")
 CANNOT = re.compile(r"^kelpd could not be started: kelpd ended right after it started \(is configd running\? "
@@ -26,10 +26,9 @@ DOC = ('<?xml version="1.0"?>\n<pool><entry id="1" url="http://feeds.test/a.xml"
 
 def read_item(b, index, text):
     """Opens feed 1 and its item at index, and waits for the item's text."""
-    feed_row(b, 1).click()
-    rows = wait(b, lambda d: len(d.find_elements(By.CSS_SELECTOR, "#items li")) == 2 and
-                d.find_elements(By.CSS_SELECTOR, "#items li"))
-    rows[index].click()
+    click(b, lambda d: feed_row(d, 1))
+    wait(b, lambda d: len(d.find_elements(By.CSS_SELECTOR, "#items li")) == 2)
+    click(b, lambda d: d.find_elements(By.CSS_SELECTOR, "#items li")[index])
     wait(b, lambda d: d.find_element(By.ID, "body").text == text)
     wait(b, lambda d: "read" in d.find_elements(By.CSS_SELECTOR, "#items li")[index].get_attribute("class").split())
 

@@ -78,6 +78,12 @@ def wait(b, cond, timeout=15):
     return WebDriverWait(b, timeout, ignored_exceptions=ignored).until(lambda d: cond(d))
 
 
+def click(b, find):
+    """Clicks what find(b) returns; a list re-rendered between the find and
+    the click is found again."""
+    wait(b, lambda d: find(d).click() or True)
+
+
 def open_profile(b, web, domain="rss", profile=1, feeds=2):
     """The page opened on a profile by its address, as a bookmark does."""
     b.get("%s?domain=%s&profile=%d" % (web.url, domain, profile))
