@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""cross_summary.py TREE CORPUS: the counts of one emulated test run, on one
+"""cross_summary.py TREE CORPUS [NOT_RUN]: the counts of one emulated test run, on one
 line: unit tests passed/total (every GoogleTest case, from the XML reports
 the test binaries wrote into TREE/gtest-xml) and fuzz corpus inputs
 replayed/total (every file under CORPUS/<target>, from the replay programs'
 output in CTest's log). A binary that died before writing its report counts
 none of its cases as passed, and a replay that stopped early counts only the
-inputs it finished."""
+inputs it finished. NOT_RUN: how many unit tests the run left out by name."""
 import glob
 import os
 import re
@@ -44,9 +44,11 @@ def replay_counts(tree, corpus):
 
 def main():
     tree, corpus = sys.argv[1], sys.argv[2]
+    not_run = int(sys.argv[3]) if len(sys.argv) > 3 else 0
     up, ut = unit_counts(tree)
     rp, rt = replay_counts(tree, corpus)
-    print("unit tests %d/%d passed; fuzz replays %d/%d passed" % (up, ut, rp, rt))
+    print("unit tests %d/%d passed (%d not run under qemu-user); fuzz replays %d/%d passed"
+          % (up, ut, not_run, rp, rt))
 
 
 if __name__ == "__main__":
