@@ -1,7 +1,8 @@
 # The two commands: `make check` runs every test (plain, then under ASan+UBSan,
-# then the HTTP tests against a build without TLS); `make demo` runs the main
-# job. Both install missing Debian packages first. `make bench` runs the
-# benchmarks (bench/README.md), `make fuzz` the fuzzers (fuzz/README.md).
+# then the HTTP tests against a build without TLS) and builds the armhf cross
+# tree; `make demo` runs the main job. Both install missing Debian packages
+# first. `make bench` runs the benchmarks (bench/README.md), `make fuzz` the
+# fuzzers (fuzz/README.md), `make cross` the cross builds under qemu-user.
 .PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls fuzz clean
 
 BUILD      ?= build
