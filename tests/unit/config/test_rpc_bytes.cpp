@@ -74,47 +74,45 @@ TEST(RpcBytes, LengthPrefixIsReadBigEndian)
     EXPECT_EQ(rpcw_frame_ready(eight, sizeof eight, &len), -RPC_ERR_MALFORMED);
 }
 
-TEST(RpcBytes, IndicationDecodesToTheseFields)
+// A decoded payload, released after each test.
+struct RpcDecoded : ::testing::Test {
+    rpc_msg m{};
+    int decode(const std::string &payload)
+    {
+        return rpcw_decode(reinterpret_cast<const uint8_t *>(payload.data()), uint32_t(payload.size()),
+                           g_ConfigD_ParamsList, &m);
+    }
+    void TearDown() override { rpcw_msg_clear(&m); }
+};
+
+TEST_F(RpcDecoded, IndicationDecodesToTheseFields)
 {
-    const uint8_t p[] = {0x03, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-                         0x00, 0x00, 0x00, 0x03, 'r', 's', 's'};
-    rpc_msg m;
-    ASSERT_EQ(rpcw_decode(p, sizeof p, g_ConfigD_ParamsList, &m), 1);
+    ASSERT_EQ(decode(bytes({0x03, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03}) + "rss"), 1);
     EXPECT_EQ(m.id, 0x20000000u);
     EXPECT_EQ(m.tag, 0u);
     EXPECT_EQ(m.is_reply, 0);
     EXPECT_STREQ(m.s, "rss");
-    rpcw_msg_clear(&m);
 }
 
-TEST(RpcBytes, ReplyWithHighTagDecodesToTheseFields)
+TEST_F(RpcDecoded, ReplyWithHighTagDecodesToTheseFields)
 {
     std::string doc = "<?xml version=\"1.0\"?><pool /><profiles />";
-    std::string p = bytes({0x02, 0x10, 0x00, 0x00, 0x02, 0x80, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x29}) + doc;
     ASSERT_EQ(doc.size(), 0x29u);
-    rpc_msg m;
-    ASSERT_EQ(rpcw_decode(reinterpret_cast<const uint8_t *>(p.data()), uint32_t(p.size()), g_ConfigD_ParamsList, &m),
-              1);
+    ASSERT_EQ(decode(bytes({0x02, 0x10, 0x00, 0x00, 0x02, 0x80, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x29}) + doc), 1);
     EXPECT_EQ(m.id, 0x10000002u);
     EXPECT_EQ(m.tag, 0x80000001u);
     EXPECT_EQ(m.is_reply, 1);
     ASSERT_NE(m.x, nullptr);
-    mxml_node_t *pool = mxmlFindElement(m.x, m.x, "pool", nullptr, nullptr, MXML_DESCEND_FIRST);
-    EXPECT_NE(pool, nullptr);
-    rpcw_msg_clear(&m);
+    EXPECT_NE(mxmlFindElement(m.x, m.x, "pool", nullptr, nullptr, MXML_DESCEND_FIRST), nullptr);
 }
 
-TEST(RpcBytes, ErrorReplyCarriesTheReason)
+TEST_F(RpcDecoded, ErrorReplyCarriesTheReason)
 {
-    const uint8_t p[] = {0x04, 0x10, 0x00, 0x00, 0x03, 0x00, 0x01, 0x00, 0x00,
-                         0x00, 0x00, 0x00, 0x04, 'b', 'u', 's', 'y'};
-    rpc_msg m;
-    ASSERT_EQ(rpcw_decode(p, sizeof p, g_ConfigD_ParamsList, &m), 1);
+    ASSERT_EQ(decode(bytes({0x04, 0x10, 0x00, 0x00, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04}) + "busy"), 1);
     EXPECT_EQ(m.id, 0x10000003u);
     EXPECT_EQ(m.tag, 0x00010000u);
     EXPECT_EQ(m.is_reply, 1);
     EXPECT_STREQ(m.error, "busy");
-    rpcw_msg_clear(&m);
 }
 
 } // namespace
