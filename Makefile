@@ -71,7 +71,7 @@ demo: build
 	@scripts/demo.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) build-cross-* build-size
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) build-cross build-cross-* build-size
 
 # --- cross builds -------------------------------------------------------------
 # `make cross ARCH=<arch>` for armhf (32-bit ARM), arm64, mipsel (32-bit
