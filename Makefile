@@ -1,8 +1,9 @@
-# The two commands: `make check` lints the manual pages and runs every test
+# The two commands: `make check` lints the manual pages, runs every test
 # (plain, then under ASan+UBSan, then the HTTP tests against a build without
-# TLS); `make demo` runs the main job. Both install missing Debian packages
-# first. `make bench` runs the benchmarks (bench/README.md), `make fuzz` the
-# fuzzers (fuzz/README.md).
+# TLS) and builds the armhf cross tree; `make demo` runs the main job. Both
+# install missing Debian packages first. `make bench` runs the benchmarks
+# (bench/README.md), `make fuzz` the fuzzers (fuzz/README.md), `make cross`
+# the cross builds under qemu-user.
 .PHONY: check demo bench deps build build-asan build-notls build-bench test test-asan test-notls lint-man fuzz clean
 
 BUILD      ?= build
@@ -49,7 +50,8 @@ test-notls: build-notls
 lint-man: deps
 	mandoc -T lint -W warning docs/man/*.[18]
 
-check: lint-man test test-asan test-notls
+# Last, the armhf cross tree is built (not run): the emulated runs are `make cross`.
+check: lint-man test test-asan test-notls cross-build-armhf
 
 # Benchmarks, not tests: an optimised tree, then every bench/suite_* through
 # bench/run.py, which prints one table and writes bench/results.json. -O2:
@@ -84,32 +86,27 @@ screenshots: build
 	/usr/bin/python3 tests/system/web_screenshots.py $(BUILD)/bin $(BUILD)/screenshots
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) $(BUILD_CROSS) $(BUILD_CROSS_TEST)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_BENCH) $(BUILD_FUZZ) build-cross build-cross-* build-size
 
-# --- 32-bit ARM cross build ---------------------------------------------------
-# `make cross` installs the armhf toolchain and libraries (multiarch) and
-# qemu-user, builds kelpd with -Os (build-cross, linked dynamically: the
-# binary whose size bench/suite_size reports), and builds every program and
-# unit test linked statically (build-cross-test) to run the unit tests under
-# qemu-user: 32-bit time_t and long, and ARM alignment. Not part of `check`.
-BUILD_CROSS      ?= build-cross
-BUILD_CROSS_TEST ?= build-cross-test
-CROSS_TOOLCHAIN  := cmake/armhf-toolchain.cmake
-# qemu-user passes an IPv6 route ioctl (struct in6_rtmsg) on as an IPv4
-# struct rtentry and fails it, so this one test cannot run emulated.
-CROSS_QEMU_UNTESTABLE := DsldstatDeathTest.EachCallReadsTheCurrentDefaultRoutes
-.PHONY: cross cross-deps
+# --- cross builds -------------------------------------------------------------
+# `make cross ARCH=<arch>` for armhf (32-bit ARM), arm64, mipsel (32-bit
+# little-endian MIPS) and s390x (big-endian): installs that target's
+# toolchain, libraries (multiarch) and qemu-user, builds kelpd with -Os and
+# reports its stripped size (build-cross-<arch>), builds every program and
+# test statically (build-cross-test-<arch>) and runs the unit tests and the
+# fuzz corpus replays there under qemu-user (scripts/cross.sh). Without ARCH,
+# all four, one after the other. The emulated runs are not part of `check`;
+# building armhf is (cross-build-armhf), so that the cross trees cannot
+# break unseen.
+CROSS_ARCHS := armhf arm64 mipsel s390x
+ARCH ?=
+.PHONY: cross cross-build-armhf
 
-cross-deps:
-	@scripts/install-deps.sh --cross
+cross:
+	@failed=; for a in $(or $(ARCH),$(CROSS_ARCHS)); do \
+	  CTEST_J=$(CTEST_J) nice scripts/cross.sh $$a || failed="$$failed $$a"; done; \
+	if [ -n "$$failed" ]; then echo "make cross: failed for$$failed" >&2; exit 1; fi
 
-cross: cross-deps
-	cmake -S . -B $(BUILD_CROSS) -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN)
-	cmake --build $(BUILD_CROSS) --target kelpd
-	cmake -S . -B $(BUILD_CROSS_TEST) -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DKELP_CROSS_STATIC=ON \
-	      -DCMAKE_TOOLCHAIN_FILE=$(CROSS_TOOLCHAIN)
-	cmake --build $(BUILD_CROSS_TEST)
-	cd $(BUILD_CROSS_TEST) && GTEST_FILTER=-$(CROSS_QEMU_UNTESTABLE) ctest --output-on-failure -j$(CTEST_J) -E '^system_'
+cross-build-armhf:
+	@nice scripts/cross.sh armhf build-only
 # ------------------------------------------------------------------------------
-
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_NOTLS) $(BUILD_FUZZ)

@@ -1,40 +1,5 @@
-# Cross build for 32-bit ARM (armhf) with Debian's cross compiler and the
-# armhf libraries installed beside the native ones (multiarch):
-#   cmake -S . -B build-cross -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake
-# (`make cross` installs the packages, builds, and runs the unit tests under
-# qemu-user.)
-set(CMAKE_SYSTEM_NAME Linux)
+# 32-bit ARM, hard-float (Debian armhf): see cmake/cross-toolchain.cmake.
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(KELP_CROSS_TRIPLE arm-linux-gnueabihf)
-
-set(CMAKE_C_COMPILER ${KELP_CROSS_TRIPLE}-gcc)
-set(CMAKE_CXX_COMPILER ${KELP_CROSS_TRIPLE}-g++)
-set(CMAKE_LIBRARY_ARCHITECTURE ${KELP_CROSS_TRIPLE})
-
-# Libraries and packages only of the target; programs (python3, cmake) of the host.
-set(CMAKE_FIND_ROOT_PATH /usr/${KELP_CROSS_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${KELP_CROSS_TRIPLE}/pkgconfig:/usr/share/pkgconfig)
-set(ENV{PKG_CONFIG_PATH} "")
-
-# Test programs run through qemu-user, with the target's loader and libraries.
-find_program(KELP_QEMU_ARM qemu-arm-static qemu-arm)
-if(KELP_QEMU_ARM)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${KELP_QEMU_ARM};-L;/usr/${KELP_CROSS_TRIPLE})
-endif()
-
-# KELP_CROSS_STATIC: every program linked statically. qemu-user runs a
-# static program's fork() children fine where a dynamically linked child
-# crashes at start (the unit tests' death tests fork), so the test tree is
-# static; the tree whose kelpd is measured for size stays dynamic.
-if(KELP_CROSS_STATIC)
-  set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
-  set(kelp_libdir /usr/lib/${KELP_CROSS_TRIPLE})
-  set(pkgcfg_lib_MXML_mxml ${kelp_libdir}/libmxml.a CACHE FILEPATH "")
-  set(MBEDTLS_TLS ${kelp_libdir}/libmbedtls.a CACHE FILEPATH "")
-  set(MBEDTLS_X509 ${kelp_libdir}/libmbedx509.a CACHE FILEPATH "")
-  set(MBEDTLS_CRYPTO ${kelp_libdir}/libmbedcrypto.a CACHE FILEPATH "")
-endif()
+set(KELP_CROSS_QEMU qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/cross-toolchain.cmake)

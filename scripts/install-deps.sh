@@ -6,32 +6,87 @@
 # tests compare the texts themselves and need no fonts.
 set -euo pipefail
 
-# --- cross build (make cross, make bench only) -------------------------------
-# `install-deps.sh --cross` installs the 32-bit ARM toolchain, the armhf
-# libraries kelpd and its unit tests link against (multiarch), and qemu-user
-# to run those tests here. Never part of `make check`.
+# --- cross builds (make cross, make check's armhf build, make bench) --------
+# `install-deps.sh --cross ARCH` installs one target's cross compiler, its
+# Mini-XML, mbedTLS, GoogleTest and libmicrohttpd packages beside the native
+# ones (multiarch) and qemu-user, then checks that every file the cross build
+# needs is there. Whatever is still missing stops it with one line naming the
+# file and the package that provides it. libmicrohttpd is wanted only for the
+# kelp-web program, which the cross build leaves out without it (saying so):
+# its absence is reported, never fatal. Idempotent: nothing is installed when
+# everything is there.
+cross_triple() {
+  case "$1" in
+    armhf) echo arm-linux-gnueabihf ;;
+    arm64) echo aarch64-linux-gnu ;;
+    mipsel) echo mipsel-linux-gnu ;;
+    s390x) echo s390x-linux-gnu ;;
+    *) return 1 ;;
+  esac
+}
+
+# "file|package" pairs: what the cross build of ARCH uses, and where it
+# comes from; with "optional", the one it can do without.
+cross_needs() {
+  local arch=$1 triple=$2 lib=/usr/lib/$2 qemu
+  if [ "${3:-}" = optional ]; then
+    echo "$lib/pkgconfig/libmicrohttpd.pc|libmicrohttpd-dev:$arch"
+    return
+  fi
+  case "$arch" in armhf) qemu=arm ;; arm64) qemu=aarch64 ;; *) qemu=$arch ;; esac
+  echo "$(command -v "$triple-g++" || echo "$triple-g++")|g++-$triple"
+  echo "$(command -v "qemu-$qemu-static" || echo "qemu-$qemu-static")|qemu-user-static"
+  echo "$lib/libmxml.a|libmxml-dev:$arch"
+  echo "$lib/libmbedtls.a|libmbedtls-dev:$arch"
+  echo "$lib/libgtest.a|libgtest-dev:$arch"
+  echo "$lib/libgmock.a|libgmock-dev:$arch"
+}
+
+# cross_missing ARCH TRIPLE [optional]: prints "package|file (package P)"
+# for every file not there.
+cross_missing() {
+  while IFS='|' read -r file pkg; do
+    [ -e "$file" ] || echo "$pkg|${file##*/} (package $pkg)"
+  done < <(cross_needs "$@")
+}
+
 cross_deps() {
-  local arch=armhf
-  local cpkgs=(g++-arm-linux-gnueabihf qemu-user-static
-               libmxml-dev:$arch libmbedtls-dev:$arch libgtest-dev:$arch libgmock-dev:$arch)
-  local want=()
-  for p in "${cpkgs[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || want+=("$p")
-  done
-  [ ${#want[@]} -eq 0 ] && return 0
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "missing cross packages and not root: install them: ${want[*]}" >&2
+  local arch=${1:-armhf} triple missing optional
+  triple=$(cross_triple "$arch") || {
+    echo "make cross: unknown ARCH '$arch' (one of armhf, arm64, mipsel, s390x)" >&2; exit 1; }
+  missing=$(cross_missing "$arch" "$triple")
+  optional=$(cross_missing "$arch" "$triple" optional)
+  # The optional package is tried only along with the others, so that a
+  # source lacking it does not cost an index update on every run.
+  if [ -n "$missing" ] && [ "$(id -u)" -eq 0 ]; then
+    cross_install "$arch" $(printf '%s\n' "$missing" "$optional" | cut -d'|' -f1)
+    missing=$(cross_missing "$arch" "$triple")
+    optional=$(cross_missing "$arch" "$triple" optional)
+  fi
+  if [ -n "$missing" ]; then
+    echo "make cross ARCH=$arch: missing $(cut -d'|' -f2 <<<"$missing" | paste -sd, | sed 's/,/, /g')" >&2
     exit 1
   fi
-  echo "installing (cross): ${want[*]}"
+  [ -z "$optional" ] || echo "make cross ARCH=$arch: kelp-web left out, no $(cut -d'|' -f2 <<<"$optional")" >&2
+}
+
+cross_install() {
+  local arch=$1 log
+  shift
+  echo "installing (cross $arch): $*"
   export DEBIAN_FRONTEND=noninteractive
-  dpkg --print-foreign-architectures | grep -qx $arch || dpkg --add-architecture $arch
+  log=$(mktemp /tmp/kelp-cross-apt.XXXXXX)
+  dpkg --print-foreign-architectures | grep -qx "$arch" || dpkg --add-architecture "$arch"
   # A mirror caught mid-sync fails one index; what is already known may do.
-  apt-get update -qq || echo "apt-get update reported errors; trying with the indexes at hand" >&2
-  apt-get install -y -qq --no-install-recommends "${want[@]}"
+  apt-get update -qq >"$log" 2>&1 || echo "apt-get update reported errors; trying with the indexes at hand" >&2
+  # One by one when the lot fails, so that one package the sources cannot
+  # install does not keep the others out; what is still missing is named.
+  apt-get install -y -qq --no-install-recommends "$@" >>"$log" 2>&1 ||
+    for p in "$@"; do apt-get install -y -qq --no-install-recommends "$p" >>"$log" 2>&1 || true; done
+  rm -f "$log"
 }
 if [ "${1:-}" = "--cross" ]; then
-  cross_deps
+  cross_deps "${2:-armhf}"
   exit 0
 fi
 # -----------------------------------------------------------------------------
