@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <initializer_list>
@@ -21,6 +23,23 @@ constexpr int kChildFd = 3;
 // In a worker: the daemon that forked it.
 pid_t g_parent = 0;
 
+// Every descriptor above `last` is closed, by the one call where the kernel
+// has it, else one by one as /proc lists them (older kernels, emulators).
+void close_above(int last)
+{
+    if (close_range(static_cast<unsigned>(last) + 1, ~0U, 0) == 0)
+        return;
+    DIR *d = opendir("/proc/self/fd");
+    if (!d)
+        return;
+    for (dirent *e; (e = readdir(d));) {
+        int fd = atoi(e->d_name);
+        if (fd > last && fd != dirfd(d))
+            close(fd);
+    }
+    closedir(d);
+}
+
 // Only the pipe survives: a worker must not hold the daemon's clients, its
 // configd session, its listener or the pid file's lock.
 void keep_only(int wfd)
@@ -30,7 +49,7 @@ void keep_only(int wfd)
         dup2(wfd, kChildFd);
         close(wfd);
     }
-    close_range(kChildFd + 1, ~0U, 0);
+    close_above(kChildFd);
 }
 
 // The daemon's handlers and blocked signals are the daemon's business.
