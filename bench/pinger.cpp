@@ -23,13 +23,15 @@
 #include <string>
 #include <vector>
 
+#include "bench/seqpacket_client.h"
+
 namespace {
 
-[[noreturn]] void die(const char *what)
-{
-    fprintf(stderr, "kelp-bench-pinger: %s: %s\n", what, strerror(errno));
-    exit(1);
-}
+using bench::connect_to;
+using bench::die;
+using bench::first_word;
+using bench::is_answer;
+using bench::send_text;
 
 double now_us()
 {
@@ -38,30 +40,13 @@ double now_us()
     return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
 }
 
-int connect_to(const std::string &path)
+int connect_stamped(const std::string &path)
 {
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        die("socket");
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    if (path.size() >= sizeof a.sun_path) {
-        fprintf(stderr, "kelp-bench-pinger: socket path too long\n");
-        exit(1);
-    }
-    memcpy(a.sun_path, path.c_str(), path.size() + 1);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
-        die("connect");
+    int fd = connect_to(path);
     int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) != 0)
         die("SO_TIMESTAMPNS");
     return fd;
-}
-
-void send_text(int fd, const std::string &text)
-{
-    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
-        die("send");
 }
 
 // One block and the time the kernel queued it (microseconds, realtime).
@@ -86,17 +71,6 @@ ssize_t recv_stamped(int fd, std::vector<char> &buf, double *stamp)
             *stamp = static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
         }
     return n;
-}
-
-bool is_answer(const char *text, const std::string &word)
-{
-    std::string ok = "OK\t" + word + "\t", err = "ERROR\t" + word + "\t";
-    return strncmp(text, ok.c_str(), ok.size()) == 0 || strncmp(text, err.c_str(), err.size()) == 0;
-}
-
-std::string first_word(const std::string &text)
-{
-    return text.substr(0, text.find_first_of(" \t\n"));
 }
 
 // Sends `text` and waits for its answer, passing over pushed messages;
@@ -151,7 +125,7 @@ int main(int argc, char **argv)
 {
     options o = parse(argc, argv);
     std::vector<char> buf(1 << 20);
-    int fd = connect_to(o.socket);
+    int fd = connect_stamped(o.socket);
     ask(fd, o.login, buf);
     printf("ready\n");
     fflush(stdout);
