@@ -30,7 +30,15 @@
 #include <string>
 #include <vector>
 
+#include "bench/seqpacket_client.h"
+
 namespace {
+
+using bench::connect_to;
+using bench::die;
+using bench::first_word;
+using bench::is_answer;
+using bench::send_text;
 
 using clock_type = std::chrono::steady_clock;
 
@@ -46,12 +54,6 @@ struct options {
     unsigned first_uid = 0;
     int server_pid = 0;
 };
-
-[[noreturn]] void die(const char *what)
-{
-    fprintf(stderr, "kelp-bench-loadgen: %s: %s\n", what, strerror(errno));
-    exit(1);
-}
 
 double since(clock_type::time_point t0)
 {
@@ -80,29 +82,6 @@ double cpu_us(int pid)
     return static_cast<double>(utime + stime) * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-int connect_to(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        die("socket");
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    if (path.size() >= sizeof a.sun_path) {
-        fprintf(stderr, "kelp-bench-loadgen: socket path too long\n");
-        exit(1);
-    }
-    memcpy(a.sun_path, path.c_str(), path.size() + 1);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
-        die("connect");
-    return fd;
-}
-
-void send_text(int fd, const std::string &text)
-{
-    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
-        die("send");
-}
-
 // One block; returns its length (0: the peer closed).
 ssize_t recv_block(int fd, std::vector<char> &buf, int flags = 0)
 {
@@ -113,17 +92,6 @@ ssize_t recv_block(int fd, std::vector<char> &buf, int flags = 0)
         die("recv");
     buf[n] = '\0';
     return n;
-}
-
-bool is_answer(const char *text, const std::string &word)
-{
-    std::string ok = "OK\t" + word + "\t", err = "ERROR\t" + word + "\t";
-    return strncmp(text, ok.c_str(), ok.size()) == 0 || strncmp(text, err.c_str(), err.size()) == 0;
-}
-
-std::string first_word(const std::string &text)
-{
-    return text.substr(0, text.find_first_of(" \t\n"));
 }
 
 // Logs a connection in and waits for the answer, passing over pushes.

@@ -105,6 +105,16 @@ def stamp_of(ns, text, start, ident="kelpd", timeout=15):
     raise TimeoutError("syslog line %r not seen" % text)
 
 
+def daemon_usage(pid):
+    """(CPU seconds so far, minor page faults so far) of a process, from /proc: the
+    scheduler's precise run time, not the clock-tick counts of stat."""
+    with open("/proc/%d/schedstat" % pid) as f:
+        cpu = int(f.read().split()[0]) / 1e9
+    with open("/proc/%d/stat" % pid) as f:
+        minflt = int(f.read().rsplit(")", 1)[1].split()[7])
+    return cpu, minflt
+
+
 def figure(name, unit, values, baseline=None, target=None, lower_is_better=True, note=""):
     return {"name": name, "unit": unit, "values": [round(v, 4) for v in values], "baseline": baseline,
             "target": target, "lower_is_better": lower_is_better, "note": note}

@@ -290,8 +290,14 @@ void kdx_new_node_from_rss(mxml_node_t *node, mxml_sax_event_t event, void *data
     const char *name = mxmlGetElement(node);
     if (!name)
         return;
-    if (strcmp(name, "item") == 0 || strcmp(name, "entry") == 0)
+    if (strcmp(name, "item") == 0 || strcmp(name, "entry") == 0) {
         build_item(node, st);
-    else if (strcmp(name, "title") == 0)
+        // Its texts are copied: the loader's own release after this call
+        // frees the item's subtree now, so the next item reuses that memory
+        // instead of the whole document's tree being held until the end. A
+        // root element stays, or the loader would have no tree to return.
+        if (mxmlGetParent(node))
+            mxmlRelease(node);
+    } else if (strcmp(name, "title") == 0)
         take_feed_title(node, st);
 }

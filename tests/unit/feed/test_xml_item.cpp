@@ -124,6 +124,39 @@ TEST_F(Item, ItemsKeepDocumentOrder)
     EXPECT_EQ(items[2]->next, nullptr);
 }
 
+// Each item's elements are freed once the item is built; what comes after
+// (the channel title, an enclosing item's own children) is still found.
+TEST_F(Item, ChannelTitleAfterTheItemsIsTheFeedTitle)
+{
+    p_ = parse_doc("<rss><channel><item><title>1</title></item><item><title>2</title></item>"
+                   "<title>Late</title></channel></rss>");
+    ASSERT_EQ(p_.items().size(), 2u);
+    EXPECT_STREQ(p_.items()[1]->title, "2");
+    EXPECT_STREQ(p_.title, "Late");
+}
+
+TEST_F(Item, ItemInsideAnItemLeavesTheOuterItemsChildren)
+{
+    p_ = parse_doc(rss("<item><item><title>in</title></item><title>out</title>"
+                       "<enclosure url=\"http://h/a.mp3\" type=\"audio/mpeg\"/></item>"));
+    auto items = p_.items();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_STREQ(items[0]->title, "in");
+    EXPECT_STREQ(items[1]->title, "out");
+    ASSERT_EQ(count_list(items[1]->enclosures), 1);
+    EXPECT_STREQ(items[1]->enclosures->url, "http://h/a.mp3");
+}
+
+// An item that is the whole document stays the loader's tree: the parse
+// succeeds with that one item.
+TEST_F(Item, ItemAsTheRootElementIsParsed)
+{
+    p_ = parse_doc("<?xml version=\"1.0\"?><item><title>alone</title></item>");
+    ASSERT_NE(p_.feed, nullptr);
+    ASSERT_EQ(p_.items().size(), 1u);
+    EXPECT_STREQ(p_.items()[0]->title, "alone");
+}
+
 TEST_F(Item, BodyFromDescriptionIsStripped)
 {
     kd_item *i = only("<item><title>t</title><description>&lt;p&gt;Hi&lt;/p&gt;&lt;br&gt;there "
