@@ -1,74 +1,58 @@
-// child: forked workers with one pipe back to the parent, their descriptors,
-// signals and privileges made safe before they run anything.
+// child: workers started as programs of their own, with one pipe back,
+// their signals at their defaults and their privileges given up first.
 #include "platform/child.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <dirent.h>
+#include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <initializer_list>
+#include <grp.h>
 #include <pwd.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
+
+extern char **environ;
 
 namespace {
 
-// The descriptor the worker writes its result to.
-constexpr int kChildFd = 3;
+// Descriptors below this are the worker's own numbers: 0-2 and the pipe.
+constexpr int kFirstFree = CHILD_RESULT_FD + 1;
 
-// In a worker: the daemon that forked it.
-pid_t g_parent = 0;
-
-// Every descriptor above `last` is closed, by the one call where the kernel
-// has it, else one by one as /proc lists them (older kernels, emulators).
-void close_above(int last)
+// The daemon ignores SIGCHLD and job-control signals and handles others;
+// an ignored signal would stay ignored across exec.
+void default_signals(posix_spawnattr_t *attr)
 {
-    if (close_range(static_cast<unsigned>(last) + 1, ~0U, 0) == 0)
-        return;
-    DIR *d = opendir("/proc/self/fd");
-    if (!d)
-        return;
-    for (dirent *e; (e = readdir(d));) {
-        int fd = atoi(e->d_name);
-        if (fd > last && fd != dirfd(d))
-            close(fd);
-    }
-    closedir(d);
-}
-
-// Only the pipe survives: a worker must not hold the daemon's clients, its
-// configd session, its listener or the pid file's lock.
-void keep_only(int wfd)
-{
-    closelog(); // glibc would otherwise write to whatever reuses its number
-    if (wfd != kChildFd) {
-        dup2(wfd, kChildFd);
-        close(wfd);
-    }
-    close_above(kChildFd);
-}
-
-// The daemon's handlers and blocked signals are the daemon's business.
-void default_signals()
-{
-    for (int sig : {SIGHUP, SIGTERM, SIGUSR2, SIGPIPE, SIGCHLD})
-        signal(sig, SIG_DFL);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigdefault(attr, &all);
     sigset_t none;
     sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    posix_spawnattr_setsigmask(attr, &none);
+    posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
-// A worker never outlives the daemon (the signal is armed again after a
-// change of credentials, which clears it).
-void die_with_parent()
+// Only the pipe goes along: no client, listener, configd session or the pid
+// file's lock. The pipe's end is moved clear of the numbers it takes first.
+int spawn_with_pipe(char *const argv[], int wfd, pid_t *pid)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != g_parent)
-        _exit(1);
+    int high = fcntl(wfd, F_DUPFD_CLOEXEC, kFirstFree);
+    if (high < 0)
+        return errno;
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attr);
+    posix_spawn_file_actions_adddup2(&actions, high, CHILD_RESULT_FD);
+    posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFree);
+    default_signals(&attr);
+    int err = posix_spawn(pid, argv[0], &actions, &attr, argv, environ);
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+    close(high);
+    return err;
 }
 
 } // namespace
@@ -83,29 +67,47 @@ bool child_lookup_account(const char *name, child_account *out)
     return true;
 }
 
-pid_t child_spawn(int (*fn)(void *arg, int wfd), void *arg, int *rfd)
+bool child_beside_self(const char *name, char *buf, size_t size)
+{
+    ssize_t n = readlink("/proc/self/exe", buf, size);
+    if (n <= 0 || static_cast<size_t>(n) >= size)
+        return false;
+    buf[n] = '\0';
+    char *slash = strrchr(buf, '/');
+    if (!slash || static_cast<size_t>(slash + 1 - buf) + strlen(name) >= size)
+        return false;
+    strcpy(slash + 1, name);
+    return true;
+}
+
+pid_t child_spawn(char *const argv[], int *rfd)
 {
     int p[2];
     if (pipe2(p, O_CLOEXEC) != 0)
         return -1;
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid == 0) {
-        g_parent = parent;
-        keep_only(p[1]);
-        default_signals();
-        die_with_parent();
-        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-        _exit(fn(arg, kChildFd));
-    }
+    pid_t pid = -1;
+    int err = spawn_with_pipe(argv, p[1], &pid);
     close(p[1]);
-    if (pid < 0) {
+    if (err != 0) {
         close(p[0]);
+        errno = err;
         return -1;
     }
     fcntl(p[0], F_SETFL, O_NONBLOCK);
     *rfd = p[0];
     return pid;
+}
+
+void child_end(pid_t pid)
+{
+    if (pid <= 0)
+        return;
+    // Still ours while waitpid reports it unreaped: the pid cannot be reused.
+    if (waitpid(pid, nullptr, WNOHANG) != 0)
+        return; // reaped just now, or already gone
+    kill(pid, SIGKILL);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
 }
 
 int child_drop_privileges(const child_account *account)
@@ -118,20 +120,14 @@ int child_drop_privileges(const child_account *account)
         return errno;
     if (account->uid == 0 || setuid(0) == 0)
         return EPERM; // root could be taken back
-    die_with_parent();
     return 0;
 }
 
-void child_kill(pid_t pid)
+bool child_confine(pid_t parent)
 {
-    if (pid > 0)
-        kill(pid, SIGKILL);
-}
-
-void child_wait_gone(pid_t pid)
-{
-    while (pid > 0 && waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    return getppid() == parent;
 }
 
 bool child_write_all(int fd, const void *data, size_t n)

@@ -1,10 +1,16 @@
 // child: the process service behind kelpd's privilege-separated workers. A
-// worker is a forked child that keeps only the write end of one pipe (and
-// /dev/null on 0-2), runs one function and ends with _exit; the parent reads
-// the pipe without blocking and kills the child when it has waited enough.
-// The parent keeps SIGCHLD ignored, so the kernel reaps every child itself.
+// worker is a program of its own that the daemon starts with posix_spawn:
+// it gets none of the daemon's memory (and the daemon no pages to copy on
+// write), only the write end of one pipe as descriptor CHILD_RESULT_FD and
+// /dev/null on 0-2, with every signal at its default and none blocked. The
+// daemon reads the pipe without blocking and ends the worker when it has
+// waited enough; it keeps SIGCHLD ignored, so the kernel reaps every worker.
 #pragma once
+#include <cstddef>
 #include <sys/types.h>
+
+// The descriptor a worker writes its result to.
+inline constexpr int CHILD_RESULT_FD = 3;
 
 // The unprivileged account workers run as when the daemon runs as root.
 struct child_account {
@@ -15,26 +21,29 @@ struct child_account {
 // Looks the account up in the user database; false when it is missing.
 bool child_lookup_account(const char *name, child_account *out);
 
-// Runs fn(arg, wfd) in a new child and returns its pid, with the pipe's read
-// end (non-blocking, close-on-exec) in *rfd; -1 when no pipe or process could
-// be made. In the child, before fn: every other descriptor closed, the
-// signal dispositions and mask back to their defaults, the child killed if
-// the parent dies, and no new privileges ever (PR_SET_NO_NEW_PRIVS). fn's
-// result is the child's exit status.
-pid_t child_spawn(int (*fn)(void *arg, int wfd), void *arg, int *rfd);
+// The path of the program `name` in the directory of the running program,
+// into buf; false when it cannot be known or does not fit.
+bool child_beside_self(const char *name, char *buf, size_t size);
 
-// In the child: takes the account's uid and gid (supplementary groups
-// dropped) when running as root, and checks that root cannot be regained;
-// nothing to do for a process that is not root. 0, or an errno value.
+// Starts argv[0] (a path) with argv and the daemon's environment; returns
+// its pid, with the pipe's read end (non-blocking, close-on-exec) in *rfd,
+// or -1 with errno set.
+pid_t child_spawn(char *const argv[], int *rfd);
+
+// Ends a worker: kills it while it still runs (a worker that closed its
+// pipe and went on is killed too) and waits until the kernel has reaped it,
+// so none outlives its work. Its pid stays its own until then.
+void child_end(pid_t pid);
+
+// In a worker, first thing: when running as root, takes the account's uid
+// and gid (supplementary groups dropped) and checks that root cannot be
+// regained; nothing to do for a worker that is not root. 0, or an errno value.
 int child_drop_privileges(const child_account *account);
 
-// SIGKILL to a child; the kernel reaps it.
-void child_kill(pid_t pid);
-
-// Waits until a child that has ended or was killed is gone (with SIGCHLD
-// ignored, waitpid returns once the kernel has reaped it, with ECHILD), so
-// that none outlives its work. Never for a child still at work: it blocks.
-void child_wait_gone(pid_t pid);
+// In a worker, after any change of credentials: never any new privilege
+// (PR_SET_NO_NEW_PRIVS), and killed if `parent` dies; false when `parent` is
+// already gone.
+bool child_confine(pid_t parent);
 
 // Writes all n bytes to a blocking descriptor; false when the reader is gone.
 bool child_write_all(int fd, const void *data, size_t n);

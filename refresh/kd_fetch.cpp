@@ -1,8 +1,9 @@
-// kd_fetch: polls' fetches in unprivileged children, side by side, bounded
-// in number and in time; the loop reads each answer as it comes.
+// kd_fetch: polls' fetches in unprivileged children (kelp-fetch), side by
+// side, bounded in number and in time; the loop reads each answer as it comes.
 #include "refresh/kd_fetch.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <unistd.h>
 
@@ -17,6 +18,9 @@
 #ifndef KELP_FETCH_USER
 #define KELP_FETCH_USER "nobody"
 #endif
+
+// The fetching program, looked for beside the daemon's own.
+#define KELP_FETCH_PROGRAM "kelp-fetch"
 
 namespace {
 
@@ -41,9 +45,10 @@ struct fetch_state {
     kd_fetch_hooks hooks;
     child_account account;
     bool have_account;
+    char program[PATH_MAX]; // empty until first needed
 };
 
-fetch_state g_fetch = {nullptr, nullptr, 0, kd_fetch_default_hooks(), {}, false};
+fetch_state g_fetch = {nullptr, nullptr, 0, kd_fetch_default_hooks(), {}, false, {}};
 
 void unlink_from(kd_fetch **list, kd_fetch *f)
 {
@@ -78,18 +83,13 @@ void free_fetch(kd_fetch *f)
 }
 
 // The child, its pipe and its deadline go; the record stays with the caller.
-// A child that has not closed its pipe is alive, so its pid is still its own
-// to kill; one that has is on its way out. Either way it is waited for, so no
-// child outlives its fetch.
-void stop_child(kd_fetch *f, bool pipe_ended)
+void stop_child(kd_fetch *f)
 {
-    if (!pipe_ended)
-        child_kill(f->pid);
     csock_fastclose(f->handle);
     if (f->fd >= 0)
         close(f->fd);
     timeout_del(f->timer);
-    child_wait_gone(f->pid);
+    child_end(f->pid);
     f->fd = -1;
     f->timer = 0;
     f->pid = 0;
@@ -112,11 +112,11 @@ void relay_line(int prio, const char *text)
 void start_waiting();
 
 // The fetch has ended, well (a complete answer) or not: the poll goes on.
-void finish(kd_fetch *f, bool answered, bool pipe_ended)
+void finish(kd_fetch *f, bool answered)
 {
     unlink_from(&g_fetch.running, f);
     g_fetch.nrunning--;
-    stop_child(f, pipe_ended);
+    stop_child(f);
     httpcli_buffer resp{};
     http_result res{};
     int code = HTTPCLI_NO_CONNECTION;
@@ -144,9 +144,9 @@ void on_readable(int, void *ctx)
         if (n < 0 && (errno == EAGAIN || errno == EINTR))
             return;
         if (n == 0)
-            return finish(f, kd_fetch_complete(&f->reader), true);
+            return finish(f, kd_fetch_complete(&f->reader));
         if (n < 0 || dst == &extra || !kd_fetch_got(&f->reader, static_cast<size_t>(n)))
-            return finish(f, false, false);
+            return finish(f, false);
     }
 }
 
@@ -155,7 +155,7 @@ void on_deadline(void *ctx, int)
 {
     auto *f = static_cast<kd_fetch *>(ctx);
     f->timer = 0;
-    finish(f, false, false);
+    finish(f, false);
 }
 
 // The account is looked up once; false when root has no one to become.
@@ -169,14 +169,27 @@ bool account_ready()
     return g_fetch.have_account;
 }
 
+// The fetching program: the hooks' one, else the one beside the daemon.
+const char *program()
+{
+    if (g_fetch.hooks.program)
+        return g_fetch.hooks.program;
+    if (!g_fetch.program[0] && !child_beside_self(KELP_FETCH_PROGRAM, g_fetch.program, sizeof g_fetch.program))
+        return nullptr;
+    return g_fetch.program;
+}
+
 bool spawn(kd_fetch *f)
 {
     if (!account_ready())
         return false;
-    kd_fetch_job job{f->url, f->ctx, g_fetch.account, g_fetch.hooks.fetch, g_fetch.hooks.child_main};
-    f->pid = child_spawn(kd_fetch_child_main, &job, &f->fd);
+    const char *prog = program();
+    kd_fetch_job job{f->url, f->ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
+    kd_fetch_cmd cmd;
+    kd_fetch_cmd_build(&cmd, prog ? prog : KELP_FETCH_PROGRAM, job);
+    f->pid = prog ? child_spawn(cmd.argv, &f->fd) : -1;
     if (f->pid < 0) {
-        KD_LOG(1, LOG_ERR, "unable to start a fetch: %s", strerror(errno));
+        KD_LOG(1, LOG_ERR, "unable to start %s: %s", cmd.argv[0], strerror(prog ? errno : ENOENT));
         return false;
     }
     f->handle = csock_add_fd(f->fd, "fetch", on_readable, nullptr, nullptr, nullptr, nullptr, f);
@@ -202,7 +215,7 @@ void run(kd_fetch *f)
     append(&g_fetch.running, f);
     g_fetch.nrunning++;
     if (!spawn(f))
-        finish(f, false, false);
+        finish(f, false);
 }
 
 void start_waiting()
@@ -258,7 +271,7 @@ bool already_under_way(const kd_node *feed, const char *url)
 
 kd_fetch_hooks kd_fetch_default_hooks(void)
 {
-    return kd_fetch_hooks{httpcli_get, nullptr, false, static_cast<uint32_t>(HTTPCLI_FETCH_DEADLINE * 1000),
+    return kd_fetch_hooks{nullptr, nullptr, false, static_cast<uint32_t>(HTTPCLI_FETCH_DEADLINE * 1000),
                           KELP_FETCH_USER};
 }
 
@@ -294,7 +307,7 @@ void kd_fetch_cancel(const kd_node *feed)
         return;
     unlink_from(&g_fetch.running, r);
     g_fetch.nrunning--;
-    stop_child(r, false);
+    stop_child(r);
     free_fetch(r);
     start_waiting();
 }
@@ -308,7 +321,7 @@ void kd_fetch_cancel_all(void)
     while (kd_fetch *r = g_fetch.running) {
         unlink_from(&g_fetch.running, r);
         g_fetch.nrunning--;
-        stop_child(r, false);
+        stop_child(r);
         free_fetch(r);
     }
 }

@@ -1,10 +1,11 @@
-// kd_fetch: the fetches of polls, each in a child process of its own that
-// drops root before it resolves a name or connects, so that the loop never
-// waits for a feed server and the code facing the internet never runs as
-// root. At most KD_FETCH_PARALLEL fetches run at once; polls that fall due
-// beyond that wait in the order they fell due. The loop reads a child's
-// answer without blocking, kills a child that has not answered within the
-// fetch's deadline, and then hands the outcome to the poll's second half.
+// kd_fetch: the fetches of polls, each in a child process of its own, the
+// program kelp-fetch, which drops root before it resolves a name or
+// connects, so that the loop never waits for a feed server and the code
+// facing the internet never runs as root (nor in the daemon at all). At most
+// KD_FETCH_PARALLEL fetches run at once; polls that fall due beyond that wait
+// in the order they fell due. The loop reads a child's answer without
+// blocking, kills a child that has not answered within the fetch's deadline,
+// and then hands the outcome to the poll's second half.
 #pragma once
 #include <cstdint>
 
@@ -27,11 +28,11 @@ typedef void (*kd_fetch_done)(kd_node *feed, const char *url, int code, httpcli_
 
 // Seams for tests; kd_fetch_set_hooks(nullptr) puts the defaults back.
 struct kd_fetch_hooks {
-    // The fetch itself (in the child): httpcli_get.
+    // With inline_fetch: the fetch, run on the loop itself with no child
+    // (tests of the poll's second half).
     int (*fetch)(httpcli_ctx *ctx, const char *url, httpcli_buffer *resp, http_result *res);
-    // Replaces the child's whole work, writing whatever it likes to wfd.
-    int (*child_main)(int wfd, const char *url);
-    // Runs the fetch on the loop itself, with no child (tests of the poll).
+    // The fetching program; null: kelp-fetch beside the daemon's program.
+    const char *program;
     bool inline_fetch;
     // The deadline of a fetch, from its start.
     uint32_t deadline_ms;

@@ -1,6 +1,7 @@
-// Helpers of the tests of the fetching children: real children forked by
-// the fetch module, scripted fetches and hostile children in them, the loop
-// turned until the outcomes have come, and the outcomes as plain values.
+// Helpers of the tests of the fetching children: real children started by
+// the fetch module (fake_fetcher, whose URL picks a scripted or hostile
+// behaviour, or kelp-fetch itself), the loop turned until the outcomes have
+// come, and the outcomes as plain values.
 #pragma once
 #include "feed/kd_node.h"
 #include "platform/csock.h"
@@ -15,6 +16,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <sys/stat.h>
 #include <cstdlib>
 #include <dirent.h>
 #include <string>
@@ -94,11 +97,30 @@ inline std::string descriptors_above_2()
     return list;
 }
 
+// A program the fetch module can start: itself, or under an emulator (cross
+// builds) a script that runs it there, since the kernel cannot.
+inline std::string launchable(const char *program)
+{
+    std::string emulator = KELP_TEST_EMULATOR;
+    if (emulator.empty())
+        return program;
+    std::string base = program;
+    std::string script = "/tmp/kelp-emulated-" + std::to_string(getpid()) + "-" + base.substr(base.rfind('/') + 1);
+    FILE *f = fopen(script.c_str(), "w");
+    if (f) {
+        fprintf(f, "#!/bin/sh\nexec %s %s \"$@\"\n", emulator.c_str(), program);
+        fclose(f);
+        chmod(script.c_str(), 0755);
+    }
+    return script;
+}
+
 class fetch_test : public ::testing::Test {
 protected:
     kd_node feeds[8] = {};
     size_t baseline = 0;
     kd_fetch_hooks hooks = kd_fetch_default_hooks();
+    std::string fake = launchable(KELP_FAKE_FETCHER);
 
     void SetUp() override
     {
@@ -110,6 +132,8 @@ protected:
         outcomes().clear();
         captured_log().clear();
         hooks.deadline_ms = 30000;
+        hooks.program = fake.c_str();
+        kd_fetch_set_hooks(&hooks);
         baseline = slab_live_count();
     }
 
@@ -119,26 +143,19 @@ protected:
         await_no_children(); // the next test counts its own
         signal(SIGCHLD, SIG_DFL); // death tests wait for their children
         kd_fetch_set_hooks(nullptr);
+        if (fake != KELP_FAKE_FETCHER)
+            unlink(fake.c_str());
         timeout_exit();
         csock_exit();
         EXPECT_EQ(slab_live_count(), baseline);
         verbosity = 0;
     }
 
-    void use(int (*fetch)(httpcli_ctx *, const char *, httpcli_buffer *, http_result *))
-    {
-        hooks.fetch = fetch;
-        hooks.child_main = nullptr;
-        kd_fetch_set_hooks(&hooks);
-    }
+    // Settings changed after SetUp take effect here.
+    void apply() { kd_fetch_set_hooks(&hooks); }
 
-    void use_child(int (*child_main)(int, const char *))
-    {
-        hooks.child_main = child_main;
-        kd_fetch_set_hooks(&hooks);
-    }
-
-    void start(int i, const char *url = "http://feeds.test/a")
+    // The fake child's URL says what it does.
+    void start(int i, const char *url = "serve")
     {
         kd_fetch_start(&feeds[i], url, httpcli_ctx{nullptr, 0, 3, 3.0f}, record_outcome);
     }
@@ -154,9 +171,9 @@ protected:
     }
 
     // The single outcome of a fetch run to its end.
-    fetch_outcome fetch_once()
+    fetch_outcome fetch_once(const char *url = "serve")
     {
-        start(0);
+        start(0, url);
         await(1);
         return outcomes().empty() ? fetch_outcome{} : outcomes()[0];
     }

@@ -1,13 +1,16 @@
 // Fetches in child processes: the answer as the HTTP client gave it, the
 // child's log lines written by the daemon, the child's identity and
 // descriptors, at most KD_FETCH_PARALLEL side by side with the rest waiting
-// in order, no fetch of a feed twice, cancelling, the deadline, and children
-// that crash or write garbage, too much or too little.
+// in order, no fetch of a feed twice, cancelling, the deadline, children that
+// crash, write garbage, too much or too little, or end their pipe and go on,
+// and kelp-fetch's own command line.
 #include "tests/unit/refresh/fetch_fixture.h"
+
+#include "refresh/kd_fetch_child.h"
 
 #include <cstring>
 #include <pwd.h>
-#include <sys/prctl.h>
+#include <sys/wait.h>
 
 using namespace kelp_test;
 
@@ -15,122 +18,11 @@ namespace {
 
 const char kBody[] = "<rss><channel><item><title>K</title></item></channel></rss>";
 
-int serve_feed(httpcli_ctx *, const char *, httpcli_buffer *resp, http_result *res)
-{
-    resp->start = kd_strdup(kBody);
-    resp->len = static_cast<uint32_t>(strlen(kBody));
-    resp->size = resp->len + 1;
-    res->content_type = kd_strdup("text/xml; charset=utf-8");
-    res->content_encoding = kd_strdup("identity");
-    return 200;
-}
-
-// The child's uid as the code; its gid, its no-new-privileges bit and its
-// number of open descriptors as the three headers.
-int report_identity(httpcli_ctx *, const char *, httpcli_buffer *, http_result *res)
-{
-    res->content_type = kd_strdup(std::to_string(getgid()).c_str());
-    res->location = kd_strdup(std::to_string(prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0)).c_str());
-    res->content_encoding = kd_strdup(descriptors_above_2().c_str());
-    return static_cast<int>(getuid());
-}
-
-int log_and_fail(httpcli_ctx *, const char *url, httpcli_buffer *, http_result *)
-{
-    KD_LOG(1, LOG_ERR, "TLS with %s failed: certificate expired", url);
-    KD_LOG(4, LOG_DEBUG, "[kddbg] second line");
-    return HTTPCLI_NO_CONNECTION;
-}
-
-int hang(httpcli_ctx *, const char *, httpcli_buffer *, http_result *)
-{
-    for (;;)
-        pause();
-}
-
-int oversize(httpcli_ctx *, const char *, httpcli_buffer *resp, http_result *)
-{
-    resp->len = KD_FETCH_PART_MAX + 1;
-    resp->size = resp->len + 1;
-    resp->start = static_cast<char *>(kd_calloc(1, resp->size));
-    return 200;
-}
-
-bool write_head(int fd, uint32_t body_len, uint32_t log_len, const char *magic = "KFR1")
-{
-    kd_fetch_head h;
-    memcpy(h.magic, magic, 4);
-    h.code = 200;
-    h.len[KD_FETCH_BODY] = body_len;
-    h.len[KD_FETCH_CTYPE] = h.len[KD_FETCH_LOCATION] = h.len[KD_FETCH_CENCODING] = KD_FETCH_ABSENT;
-    h.len[KD_FETCH_LOG] = log_len;
-    return write(fd, &h, sizeof h) == static_cast<ssize_t>(sizeof h);
-}
-
-int writes_nothing(int, const char *) { return 0; }
-
-int writes_text(int fd, const char *)
-{
-    const char junk[] = "HTTP/1.1 200 OK\r\n\r\n<rss/> and some more bytes than a head";
-    return write(fd, junk, sizeof junk) > 0 ? 0 : 1;
-}
-
-int writes_half_a_head(int fd, const char *)
-{
-    kd_fetch_head h{};
-    memcpy(h.magic, "KFR1", 4);
-    return write(fd, &h, sizeof h / 2) > 0 ? 0 : 1;
-}
-
-int writes_wrong_magic(int fd, const char *) { return write_head(fd, 0, 0, "KFR2") ? 0 : 1; }
-
-int announces_too_long_a_body(int fd, const char *) { return write_head(fd, KD_FETCH_PART_MAX + 1, 0) ? 0 : 1; }
-
-int announces_too_long_a_log(int fd, const char *) { return write_head(fd, 0, KD_FETCH_LOG_MAX + 1) ? 0 : 1; }
-
-int absent_log(int fd, const char *) { return write_head(fd, 0, KD_FETCH_ABSENT) ? 0 : 1; }
-
-int writes_half_the_body(int fd, const char *)
-{
-    return write_head(fd, 100, 0) && write(fd, kBody, 50) == 50 ? 0 : 1;
-}
-
-int writes_one_byte_too_many(int fd, const char *)
-{
-    return write_head(fd, 4, 0) && write(fd, "body!", 5) == 5 ? 0 : 1;
-}
-
-int writes_bad_priority(int fd, const char *)
-{
-    uint32_t rec[2] = {99, 0};
-    return write_head(fd, 0, sizeof rec) && write(fd, rec, sizeof rec) == sizeof rec ? 0 : 1;
-}
-
-int writes_overlong_record(int fd, const char *)
-{
-    uint32_t rec[3] = {LOG_ERR, 5000, 0};
-    return write_head(fd, 0, sizeof rec) && write(fd, rec, sizeof rec) == sizeof rec ? 0 : 1;
-}
-
-int dies_mid_body(int fd, const char *)
-{
-    if (write_head(fd, 100, 0) && write(fd, kBody, 20) == 20)
-        kill(getpid(), SIGKILL);
-    return 0;
-}
-
-int exits_without_closing(int fd, const char *)
-{
-    // A whole, good message: the answer counts once the pipe ends.
-    return write_head(fd, 2, 0) && write(fd, "ok", 2) == 2 ? 0 : 1;
-}
-
 TEST_F(fetch_test, TheAnswerArrivesAsTheClientGaveIt)
 {
-    use(serve_feed);
-    fetch_outcome o = fetch_once();
+    fetch_outcome o = fetch_once("serve");
     EXPECT_EQ(o.feed, &feeds[0]);
-    EXPECT_EQ(o.url, "http://feeds.test/a");
+    EXPECT_EQ(o.url, "serve");
     EXPECT_EQ(o.code, 200);
     EXPECT_EQ(o.body, kBody);
     EXPECT_EQ(o.content_type, "text/xml; charset=utf-8");
@@ -141,30 +33,27 @@ TEST_F(fetch_test, TheAnswerArrivesAsTheClientGaveIt)
 
 TEST_F(fetch_test, TheChildsLinesAreWrittenByTheDaemonBeforeThePollGoesOn)
 {
-    use(log_and_fail);
-    fetch_outcome o = fetch_once();
+    fetch_outcome o = fetch_once("log");
     EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION);
     ASSERT_EQ(captured_log().size(), 3u);
-    EXPECT_EQ(captured_log()[0].text, "TLS with http://feeds.test/a failed: certificate expired");
+    EXPECT_EQ(captured_log()[0].text, "TLS with log failed: certificate expired");
     EXPECT_EQ(captured_log()[0].prio, LOG_ERR);
     EXPECT_EQ(captured_log()[1].text, "[kddbg] second line");
     EXPECT_EQ(captured_log()[1].prio, LOG_DEBUG);
-    EXPECT_EQ(captured_log()[2].text, "outcome of http://feeds.test/a: 1");
+    EXPECT_EQ(captured_log()[2].text, "outcome of log: 1");
 }
 
-TEST_F(fetch_test, TheChildsVerbosityGatesItsLines)
+TEST_F(fetch_test, TheDaemonsVerbosityGatesTheChildsLines)
 {
-    use(log_and_fail);
     verbosity = 1;
-    fetch_once();
+    fetch_once("log");
     ASSERT_EQ(captured_log().size(), 2u);
-    EXPECT_EQ(captured_log()[0].text, "TLS with http://feeds.test/a failed: certificate expired");
+    EXPECT_EQ(captured_log()[0].text, "TLS with log failed: certificate expired");
 }
 
 TEST_F(fetch_test, TheChildRunsUnprivilegedWithOnlyItsPipe)
 {
-    use(report_identity);
-    fetch_outcome o = fetch_once();
+    fetch_outcome o = fetch_once("identity");
     if (geteuid() == 0) {
         const passwd *nobody = getpwnam("nobody");
         ASSERT_NE(nobody, nullptr);
@@ -181,8 +70,8 @@ TEST_F(fetch_test, TheChildRunsUnprivilegedWithOnlyItsPipe)
 TEST_F(fetch_test, AMissingAccountMeansNoFetchAtAll)
 {
     hooks.account = "no-such-user-kelp";
-    use(report_identity);
-    fetch_outcome o = fetch_once();
+    apply();
+    fetch_outcome o = fetch_once("identity");
     if (geteuid() == 0) {
         EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION);
         EXPECT_TRUE(log_has_prio("no user 'no-such-user-kelp' to fetch feeds as", LOG_ERR));
@@ -191,11 +80,18 @@ TEST_F(fetch_test, AMissingAccountMeansNoFetchAtAll)
     }
 }
 
+TEST_F(fetch_test, AMissingProgramFailsThePollWithItsReason)
+{
+    hooks.program = "/nonexistent/kelp-fetch";
+    apply();
+    EXPECT_EQ(fetch_once().code, HTTPCLI_NO_CONNECTION);
+    EXPECT_TRUE(log_has_prio("unable to start /nonexistent/kelp-fetch: No such file or directory", LOG_ERR));
+}
+
 TEST_F(fetch_test, AtMostFourRunAndTheRestWaitInOrder)
 {
-    use(hang);
     for (int i = 0; i < 6; i++)
-        start(i);
+        start(i, "hang");
     EXPECT_EQ(KD_FETCH_PARALLEL, 4u);
     EXPECT_EQ(kd_fetch_running(), 4u);
     EXPECT_EQ(kd_fetch_waiting(), 2u);
@@ -205,14 +101,14 @@ TEST_F(fetch_test, AtMostFourRunAndTheRestWaitInOrder)
     EXPECT_EQ(kd_fetch_phase_of(&feeds[2]), KD_FETCH_NONE);
     EXPECT_EQ(kd_fetch_phase_of(&feeds[4]), KD_FETCH_RUNNING);
     EXPECT_EQ(kd_fetch_phase_of(&feeds[5]), KD_FETCH_WAITING);
+    EXPECT_EQ(my_children().size(), 4u); // the cancelled one is gone already
     kd_fetch_cancel_all();
-    await_no_children();
+    EXPECT_TRUE(my_children().empty());
     EXPECT_TRUE(outcomes().empty()); // a dropped fetch reports nothing
 }
 
 TEST_F(fetch_test, AFeedIsNotFetchedTwiceAtOnce)
 {
-    use(serve_feed);
     start(0);
     start(0);
     EXPECT_EQ(kd_fetch_running(), 1u);
@@ -225,38 +121,34 @@ TEST_F(fetch_test, AFeedIsNotFetchedTwiceAtOnce)
 
 TEST_F(fetch_test, AWaitingFetchTakesTheEntrysNewAddress)
 {
-    use(hang);
     for (int i = 0; i < 4; i++)
-        start(i);
-    start(5, "http://feeds.test/old");
-    start(5, "http://feeds.test/new");
+        start(i, "hang");
+    start(5, "hang");
+    start(5, "serve");
     EXPECT_EQ(kd_fetch_waiting(), 1u);
-    use(serve_feed);
     kd_fetch_cancel(&feeds[0]);
     await(1);
-    EXPECT_EQ(outcomes()[0].url, "http://feeds.test/new");
+    EXPECT_EQ(outcomes()[0].url, "serve");
+    EXPECT_EQ(outcomes()[0].code, 200);
 }
 
 TEST_F(fetch_test, ARunningFetchOfAnOldAddressStartsOver)
 {
-    use(hang);
-    start(0, "http://feeds.test/old");
-    use(serve_feed);
-    start(0, "http://feeds.test/new");
+    start(0, "hang");
+    start(0, "serve");
     EXPECT_EQ(kd_fetch_running(), 1u);
     await(1);
-    EXPECT_EQ(outcomes()[0].url, "http://feeds.test/new");
+    EXPECT_EQ(outcomes()[0].url, "serve");
     EXPECT_EQ(outcomes()[0].code, 200);
 }
 
-TEST_F(fetch_test, ACancelledFetchReportsNothingAndItsChildGoes)
+TEST_F(fetch_test, ACancelledFetchReportsNothingAndItsChildIsGone)
 {
-    use(hang);
-    start(0);
+    start(0, "hang");
     ASSERT_EQ(my_children().size(), 1u);
     kd_fetch_cancel(&feeds[0]);
     EXPECT_EQ(kd_fetch_running(), 0u);
-    await_no_children();
+    EXPECT_TRUE(my_children().empty());
     // Nothing of it is left that could fire: no pipe, no deadline.
     EXPECT_EQ(csock_count(), 0u);
     EXPECT_EQ(timeout_count(), 0u);
@@ -266,60 +158,51 @@ TEST_F(fetch_test, ACancelledFetchReportsNothingAndItsChildGoes)
 TEST_F(fetch_test, AChildThatOutlivesTheDeadlineIsKilled)
 {
     hooks.deadline_ms = 200;
-    use(hang);
-    fetch_outcome o = fetch_once();
+    apply();
+    fetch_outcome o = fetch_once("hang");
     EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION);
     EXPECT_FALSE(o.has_body);
-    await_no_children();
+    EXPECT_TRUE(my_children().empty());
+}
+
+TEST_F(fetch_test, AChildThatEndsItsPipeAndGoesOnIsKilledAtOnce)
+{
+    // Its pipe's end fails the poll; the loop does not wait for it to exit.
+    hooks.deadline_ms = 600000;
+    apply();
+    fetch_outcome o = fetch_once("raw:close-and-run");
+    EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION);
+    EXPECT_TRUE(my_children().empty());
 }
 
 TEST_F(fetch_test, AnAnswerOverTheBoundIsRefused)
 {
-    use(oversize);
-    EXPECT_EQ(fetch_once().code, HTTPCLI_NO_CONNECTION);
+    EXPECT_EQ(fetch_once("oversize").code, HTTPCLI_NO_CONNECTION);
 }
-
-struct hostile_child {
-    const char *name;
-    int (*child_main)(int, const char *);
-};
 
 TEST_F(fetch_test, AChildThatWritesGarbageOrTooLittleOrTooMuchFailsThePoll)
 {
-    const hostile_child cases[] = {
-        {"nothing", writes_nothing},
-        {"text", writes_text},
-        {"half a head", writes_half_a_head},
-        {"wrong magic", writes_wrong_magic},
-        {"too long a body", announces_too_long_a_body},
-        {"too long a log", announces_too_long_a_log},
-        {"no log part", absent_log},
-        {"half the body", writes_half_the_body},
-        {"one byte too many", writes_one_byte_too_many},
-        {"bad priority", writes_bad_priority},
-        {"overlong record", writes_overlong_record},
-        {"killed mid-body", dies_mid_body},
-    };
-    for (const auto &c : cases) {
+    const char *cases[] = {"raw:nothing",   "raw:text",       "raw:half-head", "raw:magic",
+                           "raw:long-body", "raw:long-log",   "raw:absent-log", "raw:half-body",
+                           "raw:extra",     "raw:bad-prio",   "raw:long-record", "raw:killed-mid-body"};
+    for (const char *c : cases) {
         outcomes().clear();
-        use_child(c.child_main);
-        fetch_outcome o = fetch_once();
-        EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION) << c.name;
-        EXPECT_FALSE(o.has_body) << c.name;
+        fetch_outcome o = fetch_once(c);
+        EXPECT_EQ(o.code, HTTPCLI_NO_CONNECTION) << c;
+        EXPECT_FALSE(o.has_body) << c;
+        EXPECT_TRUE(my_children().empty()) << c;
     }
 }
 
 TEST_F(fetch_test, AWholeMessageCountsOnceThePipeEnds)
 {
-    use_child(exits_without_closing);
-    fetch_outcome o = fetch_once();
+    fetch_outcome o = fetch_once("raw:whole");
     EXPECT_EQ(o.code, 200);
     EXPECT_EQ(o.body, "ok");
 }
 
 TEST_F(fetch_test, AThousandFetchesLeaveNoDescriptorAndNoChild)
 {
-    use(serve_feed);
     fetch_once(); // the multiplexer's own descriptor comes with its first use
     size_t fds = open_descriptors();
     for (int round = 0; round < 250; round++) {
@@ -328,9 +211,95 @@ TEST_F(fetch_test, AThousandFetchesLeaveNoDescriptorAndNoChild)
         await(static_cast<size_t>(round + 1) * 4 + 1);
     }
     EXPECT_EQ(open_descriptors(), fds);
-    await_no_children();
+    EXPECT_TRUE(my_children().empty());
     for (const auto &o : outcomes())
         ASSERT_EQ(o.code, 200);
+}
+
+// kelp-fetch itself: a command line that is not a job is refused without a
+// word on its pipe, which the daemon takes as no connection.
+TEST_F(fetch_test, KelpFetchRefusesWhatIsNotAJob)
+{
+    signal(SIGCHLD, SIG_DFL); // its exit status is what is looked at
+    std::string real = launchable(KELP_FETCH_PROGRAM_PATH);
+    kd_fetch_job job{"http://127.0.0.1:9/", httpcli_ctx{nullptr, 0, 0, 0.1f}, 0, 1, false, {}};
+    kd_fetch_cmd cmd;
+    kd_fetch_cmd_build(&cmd, real.c_str(), job);
+    cmd.argv[5] = const_cast<char *>("not-a-pid");
+    int fd = -1;
+    pid_t pid = child_spawn(cmd.argv, &fd);
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    char byte;
+    EXPECT_EQ(read(fd, &byte, 1), 0);
+    close(fd);
+    if (fake != KELP_FAKE_FETCHER)
+        unlink(real.c_str());
+}
+
+// kelp-fetch against a port nobody listens on: its real fetch, as a poll.
+TEST_F(fetch_test, KelpFetchAnswersAsTheHttpClientDoes)
+{
+    std::string real = launchable(KELP_FETCH_PROGRAM_PATH);
+    hooks.program = real.c_str();
+    apply();
+    EXPECT_EQ(fetch_once("http://127.0.0.1:9/feed.xml").code, HTTPCLI_NO_CONNECTION);
+    EXPECT_TRUE(my_children().empty());
+    if (fake != KELP_FAKE_FETCHER)
+        unlink(real.c_str());
+}
+
+struct cmd_case {
+    std::vector<const char *> args;
+    bool job;
+};
+
+TEST(FetchCommandLine, ReadsBackWhatTheDaemonWrites)
+{
+    kd_fetch_job job{"http://feeds.test/a", httpcli_ctx{nullptr, 0, 2, 3.0f}, 3, 4242, true, {65534, 65533}};
+    kd_fetch_cmd cmd;
+    kd_fetch_cmd_build(&cmd, "kelp-fetch", job);
+    kd_fetch_job back{};
+    ASSERT_TRUE(kd_fetch_job_parse(8, cmd.argv, &back));
+    EXPECT_STREQ(back.url, "http://feeds.test/a");
+    EXPECT_FLOAT_EQ(back.ctx.timeout, 3.0f);
+    EXPECT_EQ(back.ctx.debug, 2);
+    EXPECT_EQ(back.ctx.proxy, nullptr);
+    EXPECT_EQ(back.verbosity, 3u);
+    EXPECT_EQ(back.parent, 4242);
+    EXPECT_TRUE(back.become);
+    EXPECT_EQ(back.account.uid, 65534u);
+    EXPECT_EQ(back.account.gid, 65533u);
+    EXPECT_EQ(cmd.argv[8], nullptr);
+}
+
+TEST(FetchCommandLine, RefusesEverythingElse)
+{
+    const cmd_case cases[] = {
+        {{"f", "u", "3", "2", "3", "42", "-", "-"}, true},
+        {{"f", "u", "3", "2", "3", "42", "1", "2"}, true},
+        {{"f", "u", "3", "2", "3", "42", "-", "2"}, false},
+        {{"f", "u", "3", "2", "3", "42", "1", "-"}, false},
+        {{"f", "u", "x", "2", "3", "42", "-", "-"}, false},
+        {{"f", "u", "-1", "2", "3", "42", "-", "-"}, false},
+        {{"f", "u", "nan", "2", "3", "42", "-", "-"}, false},
+        {{"f", "u", "3", "2x", "3", "42", "-", "-"}, false},
+        {{"f", "u", "3", "2", "-3", "42", "-", "-"}, false},
+        {{"f", "u", "3", "2", "3", "0", "-", "-"}, false},
+        {{"f", "u", "3", "2", "3", "42", "4294967295", "2"}, false},
+        {{"f", "u", "3", "2", "3", "42", "-", "-", "extra"}, false},
+        {{"f", "u", "3", "2", "3", "42", "-"}, false},
+    };
+    for (const auto &c : cases) {
+        std::vector<char *> argv;
+        for (const char *a : c.args)
+            argv.push_back(const_cast<char *>(a));
+        kd_fetch_job job{};
+        EXPECT_EQ(kd_fetch_job_parse(static_cast<int>(argv.size()), argv.data(), &job), c.job)
+            << testing::PrintToString(c.args);
+    }
 }
 
 } // namespace
