@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <climits>
 #include <fcntl.h>
 #include <initializer_list>
 #include <grp.h>
@@ -34,24 +35,51 @@ void default_signals(posix_spawnattr_t *attr)
     posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
-// Only the pipe goes along: no client, listener, configd session or the pid
-// file's lock. The pipe's end is moved clear of the numbers it takes first.
-int spawn_with_pipe(char *const argv[], int wfd, pid_t *pid)
+// A pipe already holding the job, closed behind it: the worker's input.
+int job_pipe(const void *job, size_t n)
 {
-    int high = fcntl(wfd, F_DUPFD_CLOEXEC, kFirstFree);
-    if (high < 0)
-        return errno;
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attr;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attr);
-    posix_spawn_file_actions_adddup2(&actions, high, CHILD_RESULT_FD);
-    posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFree);
-    default_signals(&attr);
-    int err = posix_spawn(pid, argv[0], &actions, &attr, argv, environ);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
-    close(high);
+    if (n > PIPE_BUF) {
+        errno = E2BIG;
+        return -1;
+    }
+    int p[2];
+    if (pipe2(p, O_CLOEXEC) != 0)
+        return -1;
+    ssize_t w = write(p[1], job, n);
+    int err = errno;
+    close(p[1]);
+    if (w != static_cast<ssize_t>(n)) {
+        close(p[0]);
+        errno = w < 0 ? err : EIO;
+        return -1;
+    }
+    return p[0];
+}
+
+// Only the two pipes go along: no client, listener, configd session or the
+// pid file's lock. Both are moved clear of the numbers they take first.
+int spawn_with_pipes(const char *path, int in, int out, pid_t *pid)
+{
+    int high_in = fcntl(in, F_DUPFD_CLOEXEC, kFirstFree);
+    int high_out = fcntl(out, F_DUPFD_CLOEXEC, kFirstFree);
+    int err = high_in < 0 || high_out < 0 ? errno : 0;
+    if (!err) {
+        posix_spawn_file_actions_t actions;
+        posix_spawnattr_t attr;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawnattr_init(&attr);
+        posix_spawn_file_actions_adddup2(&actions, high_in, 0);
+        posix_spawn_file_actions_adddup2(&actions, high_out, CHILD_RESULT_FD);
+        posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFree);
+        default_signals(&attr);
+        char *const argv[] = {const_cast<char *>(path), nullptr};
+        err = posix_spawn(pid, path, &actions, &attr, argv, environ);
+        posix_spawnattr_destroy(&attr);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    for (int fd : {high_in, high_out})
+        if (fd >= 0)
+            close(fd);
     return err;
 }
 
@@ -80,13 +108,21 @@ bool child_beside_self(const char *name, char *buf, size_t size)
     return true;
 }
 
-pid_t child_spawn(char *const argv[], int *rfd)
+pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd)
 {
-    int p[2];
-    if (pipe2(p, O_CLOEXEC) != 0)
+    int in = job_pipe(job, n);
+    if (in < 0)
         return -1;
+    int p[2];
+    if (pipe2(p, O_CLOEXEC) != 0) {
+        int err = errno;
+        close(in);
+        errno = err;
+        return -1;
+    }
     pid_t pid = -1;
-    int err = spawn_with_pipe(argv, p[1], &pid);
+    int err = spawn_with_pipes(path, in, p[1], &pid);
+    close(in);
     close(p[1]);
     if (err != 0) {
         close(p[0]);

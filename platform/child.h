@@ -1,10 +1,11 @@
 // child: the process service behind kelpd's privilege-separated workers. A
 // worker is a program of its own that the daemon starts with posix_spawn:
 // it gets none of the daemon's memory (and the daemon no pages to copy on
-// write), only the write end of one pipe as descriptor CHILD_RESULT_FD and
-// /dev/null on 0-2, with every signal at its default and none blocked. The
-// daemon reads the pipe without blocking and ends the worker when it has
-// waited enough; it keeps SIGCHLD ignored, so the kernel reaps every worker.
+// write), its job on standard input (a pipe holding it whole), the write end
+// of its result pipe as descriptor CHILD_RESULT_FD and /dev/null on 1-2,
+// with every signal at its default and none blocked. The daemon reads the
+// result pipe without blocking and ends the worker when it has waited
+// enough; it keeps SIGCHLD ignored, so the kernel reaps every worker.
 #pragma once
 #include <cstddef>
 #include <sys/types.h>
@@ -25,10 +26,11 @@ bool child_lookup_account(const char *name, child_account *out);
 // into buf; false when it cannot be known or does not fit.
 bool child_beside_self(const char *name, char *buf, size_t size);
 
-// Starts argv[0] (a path) with argv and the daemon's environment; returns
-// its pid, with the pipe's read end (non-blocking, close-on-exec) in *rfd,
-// or -1 with errno set.
-pid_t child_spawn(char *const argv[], int *rfd);
+// Starts the program at `path` (no arguments, the daemon's environment)
+// with the n bytes of `job` on its standard input (at most PIPE_BUF, which a
+// pipe always holds); returns its pid, with the result pipe's read end
+// (non-blocking, close-on-exec) in *rfd, or -1 with errno set.
+pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd);
 
 // Ends a worker: kills it while it still runs (a worker that closed its
 // pipe and went on is killed too) and waits until the kernel has reaped it,

@@ -179,17 +179,27 @@ const char *program()
     return g_fetch.program;
 }
 
+// Starts f's child; 0, or the reason it could not be started.
+int start_child(kd_fetch *f, const char *prog)
+{
+    if (!prog)
+        return ENOENT;
+    kd_fetch_job job{f->url, f->ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
+    char text[KD_FETCH_JOB_MAX];
+    size_t len = kd_fetch_job_write(job, text, sizeof text);
+    if (len == 0)
+        return E2BIG; // an absurdly long URL
+    f->pid = child_spawn(prog, text, len, &f->fd);
+    return f->pid < 0 ? errno : 0;
+}
+
 bool spawn(kd_fetch *f)
 {
     if (!account_ready())
         return false;
     const char *prog = program();
-    kd_fetch_job job{f->url, f->ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
-    kd_fetch_cmd cmd;
-    kd_fetch_cmd_build(&cmd, prog ? prog : KELP_FETCH_PROGRAM, job);
-    f->pid = prog ? child_spawn(cmd.argv, &f->fd) : -1;
-    if (f->pid < 0) {
-        KD_LOG(1, LOG_ERR, "unable to start %s: %s", cmd.argv[0], strerror(prog ? errno : ENOENT));
+    if (int err = start_child(f, prog)) {
+        KD_LOG(1, LOG_ERR, "unable to start %s: %s", prog ? prog : KELP_FETCH_PROGRAM, strerror(err));
         return false;
     }
     f->handle = csock_add_fd(f->fd, "fetch", on_readable, nullptr, nullptr, nullptr, nullptr, f);

@@ -9,12 +9,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "platform/slab.h"
 #include "refresh/kd_fetch_wire.h"
 #include "util/kd_log.h"
 
 namespace {
+
+// URL, TIMEOUT, DEBUG, VERBOSITY, PARENT, UID, GID.
+constexpr size_t kJobFields = 7;
 
 // The lines the fetch logs, sent along with its outcome.
 char g_log[KD_FETCH_LOG_MAX];
@@ -67,27 +71,39 @@ bool read_account(const char *uid, const char *gid, kd_fetch_job *job)
 
 } // namespace
 
-void kd_fetch_cmd_build(kd_fetch_cmd *cmd, const char *program, const kd_fetch_job &job)
+size_t kd_fetch_job_write(const kd_fetch_job &job, char *buf, size_t size)
 {
-    snprintf(cmd->timeout, sizeof cmd->timeout, "%.6g", static_cast<double>(job.ctx.timeout));
-    snprintf(cmd->debug, sizeof cmd->debug, "%d", static_cast<int>(job.ctx.debug));
-    snprintf(cmd->verbosity, sizeof cmd->verbosity, "%u", static_cast<unsigned>(job.verbosity));
-    snprintf(cmd->parent, sizeof cmd->parent, "%d", static_cast<int>(job.parent));
-    snprintf(cmd->uid, sizeof cmd->uid, job.become ? "%u" : "-", static_cast<unsigned>(job.account.uid));
-    snprintf(cmd->gid, sizeof cmd->gid, job.become ? "%u" : "-", static_cast<unsigned>(job.account.gid));
-    char *const argv[] = {const_cast<char *>(program), const_cast<char *>(job.url), cmd->timeout, cmd->debug,
-                          cmd->verbosity, cmd->parent, cmd->uid, cmd->gid, nullptr};
-    memcpy(cmd->argv, argv, sizeof argv);
+    char uid[16] = "-", gid[16] = "-";
+    if (job.become) {
+        snprintf(uid, sizeof uid, "%u", static_cast<unsigned>(job.account.uid));
+        snprintf(gid, sizeof gid, "%u", static_cast<unsigned>(job.account.gid));
+    }
+    int n = snprintf(buf, size, "%s%c%.6g%c%d%c%u%c%d%c%s%c%s%c", job.url, 0, static_cast<double>(job.ctx.timeout),
+                     0, static_cast<int>(job.ctx.debug), 0, static_cast<unsigned>(job.verbosity), 0,
+                     static_cast<int>(job.parent), 0, uid, 0, gid, 0);
+    return n > 0 && static_cast<size_t>(n) < size ? static_cast<size_t>(n) : 0;
 }
 
-bool kd_fetch_job_parse(int argc, char **argv, kd_fetch_job *job)
+bool kd_fetch_job_read(const char *text, size_t len, kd_fetch_job *job)
 {
-    long long debug, verb, parent;
-    if (argc != 8 || !read_timeout(argv[2], &job->ctx.timeout) || !read_number(argv[3], INT32_MIN, INT32_MAX, &debug) ||
-        !read_number(argv[4], 0, UINT32_MAX, &verb) || !read_number(argv[5], 1, INT32_MAX, &parent) ||
-        !read_account(argv[6], argv[7], job))
+    const char *field[kJobFields];
+    size_t n = 0;
+    for (size_t start = 0, i = 0; i < len; i++) {
+        if (text[i] != '\0')
+            continue;
+        if (n == kJobFields)
+            return false; // more than a job
+        field[n++] = text + start;
+        start = i + 1;
+    }
+    if (n != kJobFields || len == 0 || text[len - 1] != '\0')
         return false;
-    job->url = argv[1];
+    long long debug, verb, parent;
+    if (!read_timeout(field[1], &job->ctx.timeout) || !read_number(field[2], INT32_MIN, INT32_MAX, &debug) ||
+        !read_number(field[3], 0, UINT32_MAX, &verb) || !read_number(field[4], 1, INT32_MAX, &parent) ||
+        !read_account(field[5], field[6], job))
+        return false;
+    job->url = field[0];
     job->ctx.proxy = nullptr;
     job->ctx.proxy_port = 0;
     job->ctx.debug = static_cast<int32_t>(debug);
@@ -96,15 +112,29 @@ bool kd_fetch_job_parse(int argc, char **argv, kd_fetch_job *job)
     return true;
 }
 
-int kd_fetch_child_run(int argc, char **argv, kd_fetch_fn fetch)
+bool kd_fetch_job_receive(char *buf, kd_fetch_job *job)
 {
-    kd_fetch_job job{};
-    if (!kd_fetch_job_parse(argc, argv, &job))
-        return 2;
+    size_t len = 0;
+    for (ssize_t n; len < KD_FETCH_JOB_MAX && (n = read(0, buf + len, KD_FETCH_JOB_MAX - len)) != 0; ) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        len += static_cast<size_t>(n);
+    }
+    char more;
+    if (len == KD_FETCH_JOB_MAX && read(0, &more, 1) > 0)
+        return false; // longer than any job
+    return kd_fetch_job_read(buf, len, job);
+}
+
+int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
+{
     kd_log_set_sink(keep_line);
     verbosity = job.verbosity;
     httpcli_buffer resp{};
     http_result res{};
+    httpcli_ctx ctx = job.ctx;
     int code = HTTPCLI_NO_CONNECTION;
     int err = job.become ? child_drop_privileges(&job.account) : 0;
     if (err)
@@ -112,7 +142,7 @@ int kd_fetch_child_run(int argc, char **argv, kd_fetch_fn fetch)
     else if (!child_confine(job.parent))
         return 1; // the daemon is gone: nobody to answer
     else
-        code = fetch(&job.ctx, job.url, &resp, &res);
+        code = fetch(&ctx, job.url, &resp, &res);
     bool sent = kd_fetch_write(CHILD_RESULT_FD, code, &resp, &res, g_log, g_loglen);
     kd_free(resp.start);
     kd_free(res.content_type);

@@ -116,11 +116,17 @@ def test_the_fetching_child_runs_unprivileged_with_nothing_of_the_daemons(ns):
     assert all(int(v) != 0 for v in st["Gid"].split()), st["Gid"]
     assert st["NoNewPrivs"] == "1"
     assert int(st["CapEff"], 16) == 0
-    # /dev/null, the pipe back and its connection to the server: nothing the
-    # daemon holds (clients, listener, configd session, pid file lock).
+    # It is kelp-fetch, and its command line tells nobody the feed's URL.
+    assert os.readlink("/proc/%d/exe" % child) == ns.bin("kelp-fetch")
+    with open("/proc/%d/cmdline" % child, "rb") as f:
+        assert b"slow1" not in f.read()
+    # Its job's pipe, /dev/null, the pipe back and its connection to the
+    # server: nothing the daemon holds (clients, listener, configd session,
+    # pid file lock).
     mine = {fd: os.readlink("/proc/%d/fd/%s" % (child, fd)) for fd in os.listdir("/proc/%d/fd" % child)}
     daemons = {os.readlink("/proc/%d/fd/%s" % (pid, fd)) for fd in os.listdir("/proc/%d/fd" % pid)}
-    assert [mine[fd] for fd in ("0", "1", "2")] == ["/dev/null"] * 3
+    assert mine["0"].startswith("pipe:") and mine["0"] not in daemons
+    assert [mine[fd] for fd in ("1", "2")] == ["/dev/null"] * 2
     assert mine["3"].startswith("pipe:")
     assert sorted(fd for fd in mine if int(fd) > 3) == ["4"] and mine["4"].startswith("socket:")
     assert set(mine.values()) & (daemons - {mine["3"]}) <= {"/dev/null"}

@@ -134,10 +134,14 @@ bool raw(const std::string &what)
 
 } // namespace
 
-int main(int argc, char **argv)
+int main()
 {
-    if (argc > 1 && strncmp(argv[1], "raw:", 4) == 0)
-        _exit(raw(argv[1] + 4) ? 0 : 1);
-    _exit(kd_fetch_child_run(argc, argv, scripted)); // as kelp-fetch does
+    char text[KD_FETCH_JOB_MAX];
+    kd_fetch_job job{};
+    if (!kd_fetch_job_receive(text, &job))
+        _exit(2);
+    if (strncmp(job.url, "raw:", 4) == 0)
+        _exit(raw(job.url + 4) ? 0 : 1);
+    _exit(kd_fetch_child_run(job, scripted)); // as kelp-fetch does
 
 }

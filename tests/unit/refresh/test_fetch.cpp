@@ -216,18 +216,15 @@ TEST_F(fetch_test, AThousandFetchesLeaveNoDescriptorAndNoChild)
         ASSERT_EQ(o.code, 200);
 }
 
-// kelp-fetch itself: a command line that is not a job is refused without a
-// word on its pipe, which the daemon takes as no connection.
+// kelp-fetch itself: an input that is not a job is refused without a word
+// on its pipe, which the daemon takes as no connection.
 TEST_F(fetch_test, KelpFetchRefusesWhatIsNotAJob)
 {
     signal(SIGCHLD, SIG_DFL); // its exit status is what is looked at
     std::string real = launchable(KELP_FETCH_PROGRAM_PATH);
-    kd_fetch_job job{"http://127.0.0.1:9/", httpcli_ctx{nullptr, 0, 0, 0.1f}, 0, 1, false, {}};
-    kd_fetch_cmd cmd;
-    kd_fetch_cmd_build(&cmd, real.c_str(), job);
-    cmd.argv[5] = const_cast<char *>("not-a-pid");
+    const char not_a_job[] = "http://127.0.0.1:9/\0" "3\0" "0\0" "0\0" "not-a-pid\0-\0-";
     int fd = -1;
-    pid_t pid = child_spawn(cmd.argv, &fd);
+    pid_t pid = child_spawn(real.c_str(), not_a_job, sizeof not_a_job, &fd);
     ASSERT_GT(pid, 0);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
@@ -235,7 +232,7 @@ TEST_F(fetch_test, KelpFetchRefusesWhatIsNotAJob)
     char byte;
     EXPECT_EQ(read(fd, &byte, 1), 0);
     close(fd);
-    if (fake != KELP_FAKE_FETCHER)
+    if (real != KELP_FETCH_PROGRAM_PATH)
         unlink(real.c_str());
 }
 
@@ -247,23 +244,36 @@ TEST_F(fetch_test, KelpFetchAnswersAsTheHttpClientDoes)
     apply();
     EXPECT_EQ(fetch_once("http://127.0.0.1:9/feed.xml").code, HTTPCLI_NO_CONNECTION);
     EXPECT_TRUE(my_children().empty());
-    if (fake != KELP_FAKE_FETCHER)
+    if (real != KELP_FETCH_PROGRAM_PATH)
         unlink(real.c_str());
 }
 
-struct cmd_case {
-    std::vector<const char *> args;
-    bool job;
-};
-
-TEST(FetchCommandLine, ReadsBackWhatTheDaemonWrites)
+TEST_F(fetch_test, AJobThatCannotBeHandedOverFailsThePoll)
 {
-    kd_fetch_job job{"http://feeds.test/a", httpcli_ctx{nullptr, 0, 2, 3.0f}, 3, 4242, true, {65534, 65533}};
-    kd_fetch_cmd cmd;
-    kd_fetch_cmd_build(&cmd, "kelp-fetch", job);
+    std::string url(KD_FETCH_JOB_MAX, 'u');
+    EXPECT_EQ(fetch_once(url.c_str()).code, HTTPCLI_NO_CONNECTION);
+    EXPECT_TRUE(log_has_prio("unable to start " + fake + ": Argument list too long", LOG_ERR));
+}
+
+std::string job_text(std::initializer_list<const char *> fields)
+{
+    std::string t;
+    for (const char *f : fields)
+        t += std::string(f) + '\0';
+    return t;
+}
+
+TEST(FetchJob, ReadsBackWhatTheDaemonWrites)
+{
+    kd_fetch_job job{"http://feeds.test/a?x=1 y", httpcli_ctx{nullptr, 0, 2, 3.0f}, 3, 4242, true, {65534, 65533}};
+    char text[KD_FETCH_JOB_MAX];
+    size_t len = kd_fetch_job_write(job, text, sizeof text);
+    ASSERT_GT(len, 0u);
+    EXPECT_EQ(std::string(text, len),
+              job_text({"http://feeds.test/a?x=1 y", "3", "2", "3", "4242", "65534", "65533"}));
     kd_fetch_job back{};
-    ASSERT_TRUE(kd_fetch_job_parse(8, cmd.argv, &back));
-    EXPECT_STREQ(back.url, "http://feeds.test/a");
+    ASSERT_TRUE(kd_fetch_job_read(text, len, &back));
+    EXPECT_STREQ(back.url, "http://feeds.test/a?x=1 y");
     EXPECT_FLOAT_EQ(back.ctx.timeout, 3.0f);
     EXPECT_EQ(back.ctx.debug, 2);
     EXPECT_EQ(back.ctx.proxy, nullptr);
@@ -272,33 +282,43 @@ TEST(FetchCommandLine, ReadsBackWhatTheDaemonWrites)
     EXPECT_TRUE(back.become);
     EXPECT_EQ(back.account.uid, 65534u);
     EXPECT_EQ(back.account.gid, 65533u);
-    EXPECT_EQ(cmd.argv[8], nullptr);
 }
 
-TEST(FetchCommandLine, RefusesEverythingElse)
+TEST(FetchJob, AnUrlThatDoesNotFitIsNotWritten)
 {
-    const cmd_case cases[] = {
-        {{"f", "u", "3", "2", "3", "42", "-", "-"}, true},
-        {{"f", "u", "3", "2", "3", "42", "1", "2"}, true},
-        {{"f", "u", "3", "2", "3", "42", "-", "2"}, false},
-        {{"f", "u", "3", "2", "3", "42", "1", "-"}, false},
-        {{"f", "u", "x", "2", "3", "42", "-", "-"}, false},
-        {{"f", "u", "-1", "2", "3", "42", "-", "-"}, false},
-        {{"f", "u", "nan", "2", "3", "42", "-", "-"}, false},
-        {{"f", "u", "3", "2x", "3", "42", "-", "-"}, false},
-        {{"f", "u", "3", "2", "-3", "42", "-", "-"}, false},
-        {{"f", "u", "3", "2", "3", "0", "-", "-"}, false},
-        {{"f", "u", "3", "2", "3", "42", "4294967295", "2"}, false},
-        {{"f", "u", "3", "2", "3", "42", "-", "-", "extra"}, false},
-        {{"f", "u", "3", "2", "3", "42", "-"}, false},
+    std::string url(KD_FETCH_JOB_MAX, 'u');
+    kd_fetch_job job{url.c_str(), httpcli_ctx{nullptr, 0, 2, 3.0f}, 3, 4242, false, {}};
+    char text[KD_FETCH_JOB_MAX];
+    EXPECT_EQ(kd_fetch_job_write(job, text, sizeof text), 0u);
+}
+
+struct job_case {
+    std::string text;
+    bool job;
+};
+
+TEST(FetchJob, RefusesEverythingElse)
+{
+    const job_case cases[] = {
+        {job_text({"u", "3", "2", "3", "42", "-", "-"}), true},
+        {job_text({"u", "3", "2", "3", "42", "1", "2"}), true},
+        {job_text({"u", "3", "2", "3", "42", "-", "2"}), false},
+        {job_text({"u", "3", "2", "3", "42", "1", "-"}), false},
+        {job_text({"u", "x", "2", "3", "42", "-", "-"}), false},
+        {job_text({"u", "-1", "2", "3", "42", "-", "-"}), false},
+        {job_text({"u", "nan", "2", "3", "42", "-", "-"}), false},
+        {job_text({"u", "3", "2x", "3", "42", "-", "-"}), false},
+        {job_text({"u", "3", "2", "-3", "42", "-", "-"}), false},
+        {job_text({"u", "3", "2", "3", "0", "-", "-"}), false},
+        {job_text({"u", "3", "2", "3", "42", "4294967295", "2"}), false},
+        {job_text({"u", "3", "2", "3", "42", "-", "-", "extra"}), false},
+        {job_text({"u", "3", "2", "3", "42", "-"}), false},
+        {job_text({"u", "3", "2", "3", "42", "-", "-"}).substr(0, 14), false}, // no end
+        {"", false},
     };
     for (const auto &c : cases) {
-        std::vector<char *> argv;
-        for (const char *a : c.args)
-            argv.push_back(const_cast<char *>(a));
         kd_fetch_job job{};
-        EXPECT_EQ(kd_fetch_job_parse(static_cast<int>(argv.size()), argv.data(), &job), c.job)
-            << testing::PrintToString(c.args);
+        EXPECT_EQ(kd_fetch_job_read(c.text.data(), c.text.size(), &job), c.job) << testing::PrintToString(c.text);
     }
 }
 
