@@ -13,7 +13,6 @@
 #include <syslog.h>
 
 #include <cerrno>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
