@@ -5,6 +5,7 @@
 // Descriptors are owned by kd_unique_fd and trees by kd_mxml_tree
 // (ctlrpc.cpp); this file owns the command line.
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,68 +78,147 @@ static int cmd_set(const char *domain, const char *file)
 
 static int get_main(int argc, char **argv)
 {
-    return argc == 1 ? cmd_get(argv[0]) : ctl_usage(false);
+    static const char *const words[] = {"DOMAIN", nullptr};
+    int bad = ctl_check_words("get", argc, argv, words, false);
+    return bad ? bad : cmd_get(argv[0]);
 }
 
 static int set_main(int argc, char **argv)
 {
-    return argc == 2 ? cmd_set(argv[0], argv[1]) : ctl_usage(false);
+    static const char *const words[] = {"DOMAIN", "FILE", nullptr};
+    int bad = ctl_check_words("set", argc, argv, words, false);
+    return bad ? bad : cmd_set(argv[0], argv[1]);
 }
 
 struct command {
     const char *word, *sub;
+    const char *args; // what follows the command's words, as the usage shows it
+    const char *what; // its line in the usage, or null
     int (*run)(int argc, char **argv);
 };
 
 static const command g_commands[] = {
-    {"get", nullptr, get_main},
-    {"set", nullptr, set_main},
-    {"feeds", nullptr, ctl_feeds},
-    {"feed", "add", ctl_feed_add},
-    {"feed", "rm", ctl_feed_rm},
-    {"feed", "set", ctl_feed_set},
-    {"subscribe", nullptr, ctl_subscribe},
-    {"unsubscribe", nullptr, ctl_unsubscribe},
-    {"profile", "add", ctl_profile_add},
-    {"profile", "rm", ctl_profile_rm},
-    {"opml", "export", ctl_opml_export},
-    {"opml", "import", ctl_opml_import},
+    {"get", nullptr, "DOMAIN", "print the domain's document", get_main},
+    {"set", nullptr, "DOMAIN FILE|-", "validate and store a document", set_main},
+    {"feeds", nullptr, "DOMAIN", "list the feeds and their subscribers", ctl_feeds},
+    {"feed", "add", "DOMAIN URL [--name NAME] [--poll SECONDS] [--profile P [P...]]",
+     "add a feed, subscribed by the profiles", ctl_feed_add},
+    {"feed", "rm", "DOMAIN ID", "remove a feed and its subscriptions", ctl_feed_rm},
+    {"feed", "set", "DOMAIN ID [--name NAME] [--url URL] [--poll SECONDS]", nullptr, ctl_feed_set},
+    {"subscribe", nullptr, "DOMAIN PROFILE ID...", "subscribe a profile to feeds", ctl_subscribe},
+    {"unsubscribe", nullptr, "DOMAIN PROFILE ID...", "end a profile's subscriptions", ctl_unsubscribe},
+    {"profile", "add", "DOMAIN ID", "add a profile without feeds", ctl_profile_add},
+    {"profile", "rm", "DOMAIN ID", "remove a profile and its subscriptions", ctl_profile_rm},
+    {"opml", "export", "DOMAIN [--profile P]", "write the feeds as OPML 2.0", ctl_opml_export},
+    {"opml", "import", "DOMAIN FILE [--profile P]", "add the feeds of an OPML file", ctl_opml_import},
 };
 
-int ctl_usage(bool help)
+static const char g_usage_line[] = "usage: configctl [--timeout SECONDS] COMMAND ...";
+
+// "feed add DOMAIN URL ...": a command's words and its arguments.
+static std::string synopsis(const command &c)
 {
-    FILE *f = help ? stdout : stderr;
-    fputs("usage: configctl [--timeout SECONDS] COMMAND ...\n"
-          "  get DOMAIN                        print the domain's document\n"
-          "  set DOMAIN FILE|-                 validate and store a document\n"
-          "  feeds DOMAIN                      list the feeds and their subscribers\n"
-          "  feed add DOMAIN URL [--name NAME] [--poll SECONDS] [--profile P [P...]]\n"
-          "                                    add a feed, subscribed by the profiles\n"
-          "  feed rm DOMAIN ID                 remove a feed and its subscriptions\n"
-          "  feed set DOMAIN ID [--name NAME] [--url URL] [--poll SECONDS]\n"
-          "  subscribe DOMAIN PROFILE ID...    subscribe a profile to feeds\n"
-          "  unsubscribe DOMAIN PROFILE ID...  end a profile's subscriptions\n"
-          "  profile add DOMAIN ID             add a profile without feeds\n"
-          "  profile rm DOMAIN ID              remove a profile and its subscriptions\n"
-          "  opml export DOMAIN [--profile P]  write the feeds as OPML 2.0\n"
-          "  opml import DOMAIN FILE [--profile P]\n"
-          "                                    add the feeds of an OPML file\n"
-          "--timeout: seconds to wait for configd's answer (default 10).\n",
-          f);
-    return help ? 0 : 2;
+    return std::string(c.word) + (c.sub ? std::string(" ") + c.sub : "") + " " + c.args;
 }
 
-// "--timeout S" or "--timeout=S" before the command; false for a bad value.
-static bool take_timeout(int *i, int argc, char **argv)
+int ctl_usage()
+{
+    printf("%s\n", g_usage_line);
+    for (const command &c : g_commands) {
+        std::string syn = synopsis(c);
+        // The descriptions start in column 37; a longer synopsis has its own line.
+        if (!c.what)
+            printf("  %s\n", syn.c_str());
+        else if (syn.size() <= 32)
+            printf("  %-32s  %s\n", syn.c_str(), c.what);
+        else
+            printf("  %s\n%36s%s\n", syn.c_str(), "", c.what);
+    }
+    fputs("--timeout: seconds to wait for configd's answer (default 10).\n", stdout);
+    return 0;
+}
+
+// A command line configctl cannot take as a whole: one line naming what is
+// wrong and the short usage; exit status 2.
+__attribute__((format(printf, 1, 2))) static int refuse_command_line(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    fputs("configctl: ", stderr);
+    vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    fprintf(stderr, "\n%s ('configctl --help' lists the commands)\n", g_usage_line);
+    return 2;
+}
+
+int ctl_misuse(const char *cmd, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    fprintf(stderr, "configctl: %s: ", cmd);
+    vfprintf(stderr, fmt, ap);
+    fputc('\n', stderr);
+    va_end(ap);
+    // The usage of the command, or of each command of a group ("feed").
+    std::string prefix = std::string(cmd) + " ";
+    for (const command &c : g_commands)
+        if (std::string syn = synopsis(c); syn.rfind(prefix, 0) == 0)
+            fprintf(stderr, "usage: configctl %s\n", syn.c_str());
+    return 2;
+}
+
+int ctl_check_words(const char *cmd, size_t n, const char *const *words, const char *const *names, bool more)
+{
+    size_t want = 0;
+    while (names[want])
+        want++;
+    if (n < want)
+        return ctl_misuse(cmd, "%s missing", names[n]);
+    if (n > want && !more)
+        return ctl_misuse(cmd, "unexpected argument '%s'", words[want]);
+    return 0;
+}
+
+// "--timeout S" or "--timeout=S" before the command; 0, or the exit status
+// after the value was refused.
+static int take_timeout(int *i, int argc, char **argv)
 {
     const char *a = argv[*i];
-    const char *v = !strncmp(a, "--timeout=", 10) ? a + 10 : *i + 1 < argc ? argv[++*i] : "";
+    if (strncmp(a, "--timeout=", 10) && *i + 1 >= argc)
+        return refuse_command_line("%s needs a number of seconds", a);
+    const char *v = !strncmp(a, "--timeout=", 10) ? a + 10 : argv[++*i];
     char *end;
     long s = strtol(v, &end, 10);
-    if (!*v || *end || s < 1 || s > 3600)
-        return false;
+    if (!*v || *end || s < 1 || s > 3600) {
+        fprintf(stderr, "configctl: --timeout: '%s' is not a number of seconds from 1 to 3600\n", v);
+        return 2;
+    }
     g_ctl_timeout = int(s);
-    return true;
+    return 0;
+}
+
+// The command the words at argv[i] name, or null after saying why none.
+static const command *find_command(int i, int argc, char **argv)
+{
+    if (i >= argc) {
+        refuse_command_line("no command given");
+        return nullptr;
+    }
+    std::string subs;
+    for (const command &c : g_commands) {
+        if (strcmp(argv[i], c.word))
+            continue;
+        if (!c.sub || (i + 1 < argc && !strcmp(argv[i + 1], c.sub)))
+            return &c;
+        subs += std::string(subs.empty() ? "" : ", ") + c.sub;
+    }
+    if (subs.empty())
+        refuse_command_line("unknown command '%s'", argv[i]);
+    else if (i + 1 >= argc)
+        ctl_misuse(argv[i], "%s expected", subs.c_str());
+    else
+        ctl_misuse(argv[i], "unknown command '%s' (%s)", argv[i + 1], subs.c_str());
+    return nullptr;
 }
 
 int main(int argc, char **argv)
@@ -148,17 +228,15 @@ int main(int argc, char **argv)
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; i++) {
         if (!strcmp(argv[i], "--help") || !strcmp(argv[i], "-h"))
-            return ctl_usage(true);
-        if (strncmp(argv[i], "--timeout", 9) || (argv[i][9] && argv[i][9] != '=') || !take_timeout(&i, argc, argv))
-            return ctl_usage(false);
+            return ctl_usage();
+        if (strncmp(argv[i], "--timeout", 9) || (argv[i][9] && argv[i][9] != '='))
+            return refuse_command_line("unknown option '%s'", argv[i]);
+        if (int bad = take_timeout(&i, argc, argv))
+            return bad;
     }
-    for (const command &c : g_commands) {
-        if (i >= argc || strcmp(argv[i], c.word))
-            continue;
-        if (!c.sub)
-            return c.run(argc - i - 1, argv + i + 1);
-        if (i + 1 < argc && !strcmp(argv[i + 1], c.sub))
-            return c.run(argc - i - 2, argv + i + 2);
-    }
-    return ctl_usage(false);
+    const command *c = find_command(i, argc, argv);
+    if (!c)
+        return 2;
+    int words = c->sub ? 2 : 1;
+    return c->run(argc - i - words, argv + i + words);
 }

@@ -13,10 +13,11 @@ struct ctl_args {
     std::vector<std::pair<std::string, const char *>> opts;
 };
 
-// Splits argv into words and options; every option takes a value (as
-// "--opt VALUE" or "--opt=VALUE") and must be one of `known` (a
-// null-terminated list). False for a usage error.
-bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *out);
+// Splits the arguments of command `cmd` into words and options; every
+// option takes a value (as "--opt VALUE" or "--opt=VALUE") and must be one
+// of `known` (a null-terminated list). 0, or ctl_misuse's status after
+// naming the option that is unknown or lacks its value.
+int ctl_parse_args(const char *cmd, int argc, char **argv, const char *const *known, ctl_args *out);
 // The last value given for an option, or null.
 const char *ctl_opt(const ctl_args &a, const char *name);
 // Every value given for an option, in order.
@@ -38,6 +39,13 @@ int ctl_profile_rm(int argc, char **argv);
 int ctl_opml_export(int argc, char **argv);
 int ctl_opml_import(int argc, char **argv);
 
-// Prints the usage (to stdout for --help, else to stderr) and returns 2,
-// or 0 for --help.
-int ctl_usage(bool help);
+// --help: prints the usage of every command to stdout; returns 0.
+int ctl_usage();
+// A command used wrongly ("feed add", or a group's first word "feed"):
+// prints "configctl: CMD: " and the message as one line, then the command's
+// usage line, on stderr; returns the exit status 2.
+int ctl_misuse(const char *cmd, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+// Checks a command's positional words against the names it takes (a
+// null-terminated list; `more`: any number of further words): 0 when they
+// fit, else ctl_misuse's status after naming the missing or extra word.
+int ctl_check_words(const char *cmd, size_t n, const char *const *words, const char *const *names, bool more);

@@ -12,7 +12,7 @@
 #include "configd/feededit.h"
 #include "configd/store.h"
 
-bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *out)
+int ctl_parse_args(const char *cmd, int argc, char **argv, const char *const *known, ctl_args *out)
 {
     for (int i = 0; i < argc; i++) {
         std::string a = argv[i];
@@ -25,11 +25,13 @@ bool ctl_parse_args(int argc, char **argv, const char *const *known, ctl_args *o
         bool ok = false;
         for (const char *const *k = known; *k; k++)
             ok |= name == *k;
-        if (!ok || (eq == std::string::npos && i + 1 >= argc))
-            return false;
+        if (!ok)
+            return ctl_misuse(cmd, "unknown option '%s'", a.substr(0, eq).c_str());
+        if (eq == std::string::npos && i + 1 >= argc)
+            return ctl_misuse(cmd, "%s needs a value", a.c_str());
         out->opts.emplace_back(name, eq == std::string::npos ? argv[++i] : argv[i] + eq + 1);
     }
-    return true;
+    return 0;
 }
 
 const char *ctl_opt(const ctl_args &a, const char *name)
@@ -101,8 +103,9 @@ static std::string attr(mxml_node_t *n, const char *name, const char *dflt = "")
 
 int ctl_feeds(int argc, char **argv)
 {
-    if (argc != 1)
-        return ctl_usage(false);
+    static const char *const words[] = {"DOMAIN", nullptr};
+    if (int bad = ctl_check_words("feeds", argc, argv, words, false))
+        return bad;
     if (!cfg_valid_domain(argv[0]))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", argv[0]);
     std::string gen, why;
@@ -123,14 +126,15 @@ int ctl_feeds(int argc, char **argv)
 int ctl_feed_add(int argc, char **argv)
 {
     static const char *const known[] = {"name", "poll", "profile", nullptr};
+    static const char *const words[] = {"DOMAIN", "URL", nullptr};
     ctl_args a;
-    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() < 2)
-        return ctl_usage(false);
-    const char *url = a.pos[1], *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
+    if (int bad = ctl_parse_args("feed add", argc, argv, known, &a))
+        return bad;
     std::vector<const char *> profiles = ctl_opts(a, "profile");
     // "--profile 1 2 3" names three profiles.
-    if (a.pos.size() > 2 && profiles.empty())
-        return ctl_usage(false);
+    if (int bad = ctl_check_words("feed add", a.pos.size(), a.pos.data(), words, !profiles.empty()))
+        return bad;
+    const char *url = a.pos[1], *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
     profiles.insert(profiles.end(), a.pos.begin() + 2, a.pos.end());
     std::string why = fe_check_feed(url, name, poll);
     if (!why.empty())
@@ -146,8 +150,9 @@ int ctl_feed_add(int argc, char **argv)
 
 int ctl_feed_rm(int argc, char **argv)
 {
-    if (argc != 2)
-        return ctl_usage(false);
+    static const char *const words[] = {"DOMAIN", "ID", nullptr};
+    if (int bad = ctl_check_words("feed rm", argc, argv, words, false))
+        return bad;
     const char *id = argv[1];
     return ctl_update("feed rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
         return fe_remove_feed(doc, id, err);
@@ -157,9 +162,14 @@ int ctl_feed_rm(int argc, char **argv)
 int ctl_feed_set(int argc, char **argv)
 {
     static const char *const known[] = {"name", "url", "poll", nullptr};
+    static const char *const words[] = {"DOMAIN", "ID", nullptr};
     ctl_args a;
-    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2 || a.opts.empty())
-        return ctl_usage(false);
+    if (int bad = ctl_parse_args("feed set", argc, argv, known, &a))
+        return bad;
+    if (int bad = ctl_check_words("feed set", a.pos.size(), a.pos.data(), words, false))
+        return bad;
+    if (a.opts.empty())
+        return ctl_misuse("feed set", "nothing to change: give --name, --url or --poll");
     const char *id = a.pos[1], *url = ctl_opt(a, "url"), *name = ctl_opt(a, "name"), *poll = ctl_opt(a, "poll");
     std::string why = fe_check_feed(url, name, poll);
     if (!why.empty())
@@ -172,8 +182,9 @@ int ctl_feed_set(int argc, char **argv)
 // subscribe and unsubscribe: every feed id must name a feed of the pool.
 static int change_subscriptions(const char *what, int argc, char **argv, bool subscribe)
 {
-    if (argc < 3)
-        return ctl_usage(false);
+    static const char *const words[] = {"DOMAIN", "PROFILE", "ID", nullptr};
+    if (int bad = ctl_check_words(what, argc, argv, words, true))
+        return bad;
     const char *profile = argv[1];
     std::vector<const char *> ids(argv + 2, argv + argc);
     return ctl_update(what, argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
@@ -191,10 +202,12 @@ int ctl_unsubscribe(int argc, char **argv)
     return change_subscriptions("unsubscribe", argc, argv, false);
 }
 
+static const char *const g_profile_words[] = {"DOMAIN", "ID", nullptr};
+
 int ctl_profile_add(int argc, char **argv)
 {
-    if (argc != 2)
-        return ctl_usage(false);
+    if (int bad = ctl_check_words("profile add", argc, argv, g_profile_words, false))
+        return bad;
     const char *id = argv[1];
     std::string why = doc_check_profile_id(id);
     if (!why.empty())
@@ -206,8 +219,8 @@ int ctl_profile_add(int argc, char **argv)
 
 int ctl_profile_rm(int argc, char **argv)
 {
-    if (argc != 2)
-        return ctl_usage(false);
+    if (int bad = ctl_check_words("profile rm", argc, argv, g_profile_words, false))
+        return bad;
     const char *id = argv[1];
     return ctl_update("profile rm", argv[0], [&](mxml_node_t *doc, std::string *, std::string *err) {
         return fe_remove_profile(doc, id, err);

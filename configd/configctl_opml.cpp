@@ -11,13 +11,17 @@
 
 // The largest OPML file configctl reads.
 static constexpr size_t OPML_MAX_BYTES = 8 << 20;
+// The one option of both commands.
+static const char *const g_profile_option[] = {"profile", nullptr};
 
 int ctl_opml_export(int argc, char **argv)
 {
-    static const char *const known[] = {"profile", nullptr};
+    static const char *const words[] = {"DOMAIN", nullptr};
     ctl_args a;
-    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 1)
-        return ctl_usage(false);
+    if (int bad = ctl_parse_args("opml export", argc, argv, g_profile_option, &a))
+        return bad;
+    if (int bad = ctl_check_words("opml export", a.pos.size(), a.pos.data(), words, false))
+        return bad;
     const char *domain = a.pos[0], *profile = ctl_opt(a, "profile");
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
@@ -34,10 +38,12 @@ int ctl_opml_export(int argc, char **argv)
 
 int ctl_opml_import(int argc, char **argv)
 {
-    static const char *const known[] = {"profile", nullptr};
+    static const char *const words[] = {"DOMAIN", "FILE", nullptr};
     ctl_args a;
-    if (!ctl_parse_args(argc, argv, known, &a) || a.pos.size() != 2)
-        return ctl_usage(false);
+    if (int bad = ctl_parse_args("opml import", argc, argv, g_profile_option, &a))
+        return bad;
+    if (int bad = ctl_check_words("opml import", a.pos.size(), a.pos.data(), words, false))
+        return bad;
     const char *domain = a.pos[0], *file = a.pos[1], *profile = ctl_opt(a, "profile");
     opml_list list;
     std::string text, why;

@@ -187,15 +187,18 @@ static const rpc_callback g_callbacks[] = {
     {0, nullptr},
 };
 
-// mkdir -p for the socket and state directories.
-static bool make_dirs(const std::string &path)
+// mkdir -p for the socket and state directories; false with the directory
+// that could not be made in *failed (errno tells why).
+static bool make_dirs(const std::string &path, std::string *failed)
 {
     for (size_t i = 1; i <= path.size(); i++) {
         if (i < path.size() && path[i] != '/')
             continue;
         std::string part = path.substr(0, i);
-        if (mkdir(part.c_str(), 0755) < 0 && errno != EEXIST)
+        if (mkdir(part.c_str(), 0755) < 0 && errno != EEXIST) {
+            *failed = part;
             return false;
+        }
     }
     return true;
 }
@@ -220,33 +223,48 @@ static void setup_signals()
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
-static int usage()
+static const char g_usage[] = "usage: configd [--state-dir DIR]\n";
+
+// A command line configd cannot take: one line naming what is wrong, then
+// for a misused argument (not for a bad value) the usage line.
+static int refuse_args(const std::string &what, bool misuse)
 {
-    fprintf(stderr, "usage: configd [--state-dir DIR]\n");
+    fprintf(stderr, "configd: %s\n", what.c_str());
+    if (misuse)
+        fputs(g_usage, stderr);
     return 2;
 }
 
+// -1 to go on serving, else the exit status.
 static int parse_args(int argc, char **argv)
 {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            fputs(g_usage, stdout);
+            return 0;
+        }
         if (a == "--state-dir" && i + 1 < argc)
             g_statedir = argv[++i];
+        else if (a == "--state-dir")
+            return refuse_args("--state-dir needs a directory", true);
         else if (a.rfind("--state-dir=", 0) == 0)
             g_statedir = a.substr(12);
         else
-            return -1;
+            return refuse_args("unknown argument '" + a + "'", true);
     }
-    return g_statedir.empty() ? -1 : 0;
+    return g_statedir.empty() ? refuse_args("--state-dir: the directory name is empty", false) : -1;
 }
 
 static int serve()
 {
     std::string sockpath = KD_CONFIGD_SOCKET;
     std::string sockdir = sockpath.substr(0, sockpath.rfind('/'));
-    if (!make_dirs(sockdir) || !make_dirs(g_statedir)) {
-        syslog(LOG_ERR, "cannot create %s or %s: %s", sockdir.c_str(), g_statedir.c_str(), strerror(errno));
-        fprintf(stderr, "configd: cannot create directories: %s\n", strerror(errno));
+    std::string failed;
+    if (!make_dirs(sockdir, &failed) || !make_dirs(g_statedir, &failed)) {
+        int err = errno;
+        syslog(LOG_ERR, "cannot create %s: %s", failed.c_str(), strerror(err));
+        fprintf(stderr, "configd: cannot create %s: %s\n", failed.c_str(), strerror(err));
         return 1;
     }
     // A crash in the middle of a save leaves its temporary file; the stored
@@ -267,8 +285,8 @@ static int serve()
 
 int main(int argc, char **argv)
 {
-    if (parse_args(argc, argv) < 0)
-        return usage();
+    if (int status = parse_args(argc, argv); status >= 0)
+        return status;
     openlog("configd", LOG_PID | LOG_NDELAY, LOG_DAEMON);
     setup_signals();
     if (csock_init() < 0 || timeout_init() < 0) {

@@ -1,11 +1,13 @@
 """Threads of the test process that talk to programs in a namespace: the
 syslog reader behind /dev/log, the kernel's process exit events, scripted
 HTTP servers and a configd that never answers."""
+import fcntl
 import os
 import re
 import select
 import socket
 import struct
+import termios
 import threading
 import time
 from collections import namedtuple
@@ -194,6 +196,41 @@ class ExitEvents(_Reader):
         except OSError:
             pass
         self.sock.close()
+
+
+def wait_acknowledged(conn, timeout=10):
+    """Returns once the peer's kernel has acknowledged every byte written to
+    the TCP socket `conn` (nothing left in its send queue): what was sent is
+    then in the peer's receive buffer, readable there even after a reset."""
+    deadline = time.monotonic() + timeout
+    queued = struct.pack("i", 0)
+    while struct.unpack("i", fcntl.ioctl(conn.fileno(), termios.TIOCOUTQ, queued))[0]:
+        if time.monotonic() > deadline:
+            raise TimeoutError("the peer did not acknowledge what was sent")
+        time.sleep(0.01)
+
+
+def _tcp4_name(addr):
+    """("127.0.0.1", 80) as /proc/net/tcp writes it: "0100007F:0050"."""
+    return "%08X:%04X" % (struct.unpack("<I", socket.inet_aton(addr[0]))[0], addr[1])
+
+
+def wait_read_by_peer(conn, netns_pid, timeout=10):
+    """Returns once the program at the other end of the IPv4 TCP socket
+    `conn` has read everything sent to it: its socket, found in the network
+    namespace of process `netns_pid`, holds no unread byte."""
+    wait_acknowledged(conn, timeout)
+    peer, me = _tcp4_name(conn.getpeername()), _tcp4_name(conn.getsockname())
+    deadline = time.monotonic() + timeout
+    while True:
+        with open("/proc/%d/net/tcp" % netns_pid) as f:
+            rows = [line.split() for line in f.readlines()[1:]]
+        unread = [int(r[4].split(":")[1], 16) for r in rows if r[1] == peer and r[2] == me]
+        if unread == [0]:
+            return
+        if time.monotonic() > deadline:
+            raise TimeoutError("the peer did not read what was sent (%r)" % unread)
+        time.sleep(0.01)
 
 
 class HttpServer(_Reader):

@@ -151,12 +151,13 @@ def attrs_of_item(ns, profile_id):
     return dict(re.findall(r'(\w+)="([^"]*)"', m.group(1)))
 
 
-def start_all(ns, rss, *args):
-    """configd holding `rss` (and an empty podcast domain), then kelpd."""
+def start_all(ns, rss, *args, env=None):
+    """configd holding `rss` (and an empty podcast domain), then kelpd (with
+    `env` added to its environment)."""
     configd = ns.start_configd()
     set_rss(ns, rss)
     assert ns.configctl("set", "podcast", "-", input=EMPTY).returncode == 0
-    _, pid = ns.start_kelpd(*(args or ("-vvvv",)))
+    _, pid = ns.start_kelpd(*(args or ("-vvvv",)), env=env)
     assert pid
     if not args:
         ns.syslog.wait_for("incoming config data (handle=1)")

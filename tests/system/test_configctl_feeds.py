@@ -195,14 +195,41 @@ def test_bad_input_is_refused_and_nothing_is_stored(ns, args, why):
     assert stored(ns) == RICH
 
 
-@pytest.mark.parametrize("args", [["feed", "add", "rss"], ["feed", "set", "rss", "1"], ["feed", "add", "rss", "u",
-                                  "--bogus", "1"], ["subscribe", "rss", "1"], ["profile", "add", "rss"],
-                                  ["feed", "add", "rss", "http://feeds.test/a.xml", "--name"],
-                                  ["feed", "add", "rss", "http://feeds.test/a.xml", "1"]])
-def test_usage_errors_exit_2(ns, args):
+FEED_ADD = "usage: configctl feed add DOMAIN URL [--name NAME] [--poll SECONDS] [--profile P [P...]]\n"
+FEED_SET = "usage: configctl feed set DOMAIN ID [--name NAME] [--url URL] [--poll SECONDS]\n"
+# One line naming what is wrong, then the command's usage line.
+USAGE_ERRORS = [
+    (["feed", "add", "rss"], "configctl: feed add: URL missing\n" + FEED_ADD),
+    (["feed", "set", "rss", "1"], "configctl: feed set: nothing to change: give --name, --url or --poll\n" + FEED_SET),
+    (["feed", "set", "rss"], "configctl: feed set: ID missing\n" + FEED_SET),
+    (["feed", "add", "rss", "u", "--bogus", "1"], "configctl: feed add: unknown option '--bogus'\n" + FEED_ADD),
+    (["feed", "add", "rss", "u", "--bogus=1"], "configctl: feed add: unknown option '--bogus'\n" + FEED_ADD),
+    (["subscribe", "rss", "1"], "configctl: subscribe: ID missing\nusage: configctl subscribe DOMAIN PROFILE ID...\n"),
+    (["unsubscribe"], "configctl: unsubscribe: DOMAIN missing\n"
+                      "usage: configctl unsubscribe DOMAIN PROFILE ID...\n"),
+    (["profile", "add", "rss"], "configctl: profile add: ID missing\nusage: configctl profile add DOMAIN ID\n"),
+    (["profile", "rm", "rss", "1", "2"], "configctl: profile rm: unexpected argument '2'\n"
+                                         "usage: configctl profile rm DOMAIN ID\n"),
+    (["feed", "rm", "rss"], "configctl: feed rm: ID missing\nusage: configctl feed rm DOMAIN ID\n"),
+    (["feeds"], "configctl: feeds: DOMAIN missing\nusage: configctl feeds DOMAIN\n"),
+    (["feed", "add", "rss", "http://feeds.test/a.xml", "--name"], "configctl: feed add: --name needs a value\n" + FEED_ADD),
+    (["feed", "add", "rss", "http://feeds.test/a.xml", "1"], "configctl: feed add: unexpected argument '1'\n" + FEED_ADD),
+    (["opml", "export", "rss", "x"], "configctl: opml export: unexpected argument 'x'\n"
+                                     "usage: configctl opml export DOMAIN [--profile P]\n"),
+    (["opml", "import", "rss", "--profile", "1"], "configctl: opml import: FILE missing\n"
+                                                  "usage: configctl opml import DOMAIN FILE [--profile P]\n"),
+    (["feed"], "configctl: feed: add, rm, set expected\n" + FEED_ADD + "usage: configctl feed rm DOMAIN ID\n" + FEED_SET),
+    (["opml", "print", "rss"], "configctl: opml: unknown command 'print' (export, import)\n"
+                               "usage: configctl opml export DOMAIN [--profile P]\n"
+                               "usage: configctl opml import DOMAIN FILE [--profile P]\n"),
+]
+
+
+@pytest.mark.parametrize("args,stderr", USAGE_ERRORS, ids=[" ".join(a) for a, _ in USAGE_ERRORS])
+def test_usage_errors_name_the_problem_and_exit_2(ns, args, stderr):
     with_rich(ns)
     cp = ns.configctl(*args)
-    assert cp.returncode == 2 and cp.stderr.startswith("usage: configctl")
+    assert (cp.returncode, cp.stdout, cp.stderr) == (2, "", stderr)
     assert stored(ns) == RICH
 
 
@@ -223,9 +250,28 @@ def test_timeout_option_bounds_the_wait(ns):
     assert line == "configctl: feeds rss: no answer from configd within 2 s"
 
 
-@pytest.mark.parametrize("value", ["0", "x", "", "-1"])
-def test_bad_timeout_is_a_usage_error(ns, value):
-    assert ns.configctl("--timeout", value, "get", "rss").returncode == 2
+@pytest.mark.parametrize("value", ["0", "x", "", "-1", "3601"])
+def test_bad_timeout_is_named_and_exits_2(ns, value):
+    cp = ns.configctl("--timeout", value, "get", "rss")
+    line = "configctl: --timeout: '%s' is not a number of seconds from 1 to 3600\n" % value
+    assert (cp.returncode, cp.stdout, cp.stderr) == (2, "", line)
+    cp = ns.configctl("--timeout=" + value, "get", "rss")
+    assert (cp.returncode, cp.stdout, cp.stderr) == (2, "", line)
+
+
+HINT = "usage: configctl [--timeout SECONDS] COMMAND ... ('configctl --help' lists the commands)\n"
+
+
+@pytest.mark.parametrize("args,first", [
+    ([], "configctl: no command given\n"),
+    (["frobnicate", "rss"], "configctl: unknown command 'frobnicate'\n"),
+    (["--verbose", "get", "rss"], "configctl: unknown option '--verbose'\n"),
+    (["--timeoutx=3", "get", "rss"], "configctl: unknown option '--timeoutx=3'\n"),
+    (["--timeout"], "configctl: --timeout needs a number of seconds\n"),
+], ids=["none", "unknown", "option", "near-timeout", "timeout-without-value"])
+def test_command_line_errors_name_the_problem_and_hint_at_help(ns, args, first):
+    cp = ns.configctl(*args)
+    assert (cp.returncode, cp.stdout, cp.stderr) == (2, "", first + HINT)
 
 
 def test_unreachable_configd(ns):

@@ -155,7 +155,38 @@ def test_unreachable_configd(ns):
 def test_missing_file_and_usage(ns):
     ns.start_configd()
     assert "cannot open" in one_line_error(ns.configctl("set", "rss", "/nonexistent.xml"))
-    assert ns.configctl("frobnicate").returncode == 2
+    cp = ns.configctl("frobnicate")
+    assert (cp.returncode, cp.stderr) == (2, "configctl: unknown command 'frobnicate'\n"
+                                             "usage: configctl [--timeout SECONDS] COMMAND ... "
+                                             "('configctl --help' lists the commands)\n")
+
+
+USAGE = "usage: configd [--state-dir DIR]\n"
+
+
+@pytest.mark.parametrize("args,stderr", [
+    (["--verbose"], "configd: unknown argument '--verbose'\n" + USAGE),
+    (["--state-dir", "/var/tmp/s", "extra"], "configd: unknown argument 'extra'\n" + USAGE),
+    (["--state-dir"], "configd: --state-dir needs a directory\n" + USAGE),
+    (["--state-dir="], "configd: --state-dir: the directory name is empty\n"),
+    (["--state-dir", ""], "configd: --state-dir: the directory name is empty\n"),
+], ids=["unknown", "extra", "no-value", "empty-joined", "empty"])
+def test_configd_names_the_bad_argument(ns, args, stderr):
+    cp = ns.run([ns.bin("configd")] + args)
+    assert (cp.returncode, cp.stdout, cp.stderr) == (2, "", stderr)
+    assert not os.path.exists(ns.path("/var/rpc/configd"))
+
+
+def test_configd_help(ns):
+    cp = ns.run([ns.bin("configd"), "--help"])
+    assert (cp.returncode, cp.stdout, cp.stderr) == (0, USAGE, "")
+
+
+def test_configd_names_the_directory_it_cannot_create(ns):
+    open(ns.path("/var/tmp/f"), "w").close()
+    cp = ns.run([ns.bin("configd"), "--state-dir", "/var/tmp/f/state"])
+    assert (cp.returncode, cp.stdout, cp.stderr) == (1, "", "configd: cannot create /var/tmp/f/state: Not a directory\n")
+    assert ns.syslog.wait_for("cannot create /var/tmp/f/state: Not a directory", ident="configd").prio == 3
 
 
 def test_huge_document_is_refused(ns):

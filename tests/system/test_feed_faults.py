@@ -11,6 +11,7 @@ import socket
 import struct
 import time
 
+from kelpns_io import wait_acknowledged
 from refresh_helpers import Client, dump, doc, entry, feed, overview, profile, repoll, start_all
 
 BASE = "http://other.test:8080/"
@@ -38,7 +39,7 @@ class FaultyServer:
         elif path == "/reset":
             body = feed(*["Item %d" % i for i in range(50)]).encode("latin-1")
             conn.sendall(HEAD + body[:len(body) // 2])
-            time.sleep(0.2)  # the half arrives before the reset
+            wait_acknowledged(conn)  # the half is there before the reset
             reset(conn)
         elif path == "/garbage":
             conn.sendall(b"SSH-2.0-OpenSSH_9.2\r\n\x00\xff\xfe binary \x1b[2J\r\n\r\n<rss>")

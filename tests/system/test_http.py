@@ -4,6 +4,8 @@ import os
 import re
 import time
 
+from kelpns_io import wait_read_by_peer
+
 # Whether this build speaks TLS (CMake's KELP_TLS, passed by CTest).
 TLS_BUILT = os.environ.get("KELP_TLS", "ON").upper() in ("ON", "1", "TRUE", "YES")
 
@@ -105,9 +107,10 @@ def test_chunk_split_across_reads(ns):
               b"abcdefghijklmnop\r", b"\n4\r\nwxyz\r\n0", b"\r\n\r\n"]
 
     def handler(req, conn):
+        # Each piece is read before the next is sent: every split is one read.
         for p in pieces:
             conn.sendall(p)
-            time.sleep(0.1)
+            wait_read_by_peer(conn, ns.pid)
     srv = ns.serve_http(handler)
     rc, body, _ = httpget(ns, "http://feeds.test:%d/" % srv.port)
     assert (rc, body) == (0, b"0123456789abcdefghijklmnopwxyz")

@@ -77,8 +77,9 @@ def test_hangup_and_dump_storms_during_requests_and_polls(ns):
         assert c.login(k + 1).startswith("OK\tlogin\t")
 
     failures, sent, stop = [], [0], threading.Event()
-    threads = [threading.Thread(target=requester, args=(c, k + 1, n, failures)) for k, c in enumerate(askers)]
-    stormer = threading.Thread(target=storm, args=(pid, stop, sent, n))
+    threads = [threading.Thread(target=requester, args=(c, k + 1, n, failures), daemon=True)
+               for k, c in enumerate(askers)]
+    stormer = threading.Thread(target=storm, args=(pid, stop, sent, n), daemon=True)
     for t in threads + [stormer]:
         t.start()
     # Polls during the storm: each new URL is polled at once, and the new
@@ -89,10 +90,13 @@ def test_hangup_and_dump_storms_during_requests_and_polls(ns):
         set_rss(ns, doc(entry(1, "%s?%d" % (url, k)), profile(1, 1) + profile(2, 1)))
         watcher.wait_push(re.compile(r"overview\tdomain:rss\tprofile_id:1\tfeed_id:1\tnumber:%d\t.*"
                                      r"\tsubject:New %d\tuid:.*" % (len(titles), k)), timeout=30)
+    # A requester still running has hung on an answer that never came.
     for t in threads:
         t.join(120)
+        assert not t.is_alive(), "a requester is still waiting after 120 s"
     stop.set()
     stormer.join(60)
+    assert not stormer.is_alive(), "the signal storm did not end"
     assert not failures, failures[:5]
     assert sent[0] >= n
 

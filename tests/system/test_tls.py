@@ -238,6 +238,7 @@ def test_stalled_handshake_ends_after_one_wait(ns, tls, first_bytes):
     assert (rc, body, result_code(err)) == (1, b"", 1)
     assert "tls-error: handshake: no answer within the time-out\n" in err
     t.join(30)
+    assert not t.is_alive(), "the server still holds the connection kelp-httpget left"
     lsock.close()
 
 
@@ -248,6 +249,7 @@ def test_plain_http_answer_to_the_hello_is_no_connection(ns, tls):
     assert re.search(r"^tls-error: handshake: ", err, re.M), err
     assert "no answer within the time-out" not in err
     t.join(30)
+    assert not t.is_alive(), "the server still holds the connection kelp-httpget left"
     lsock.close()
 
 

@@ -24,6 +24,15 @@ CSP = ("default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'se
 
 # --- HTTP ----------------------------------------------------------------------------
 
+def test_a_port_in_use_is_named_with_the_reason(ns):
+    taken = ns.listen_tcp("127.0.0.1")
+    port = taken.getsockname()[1]
+    cp = ns.run([ns.bin("kelp-web"), "--listen", "127.0.0.1:%d" % port])
+    assert (cp.returncode, cp.stdout) == (1, "")
+    assert cp.stderr == "kelp-web: cannot listen on 127.0.0.1:%d: Address already in use\n" % port
+    taken.close()
+
+
 def test_page_is_small_self_contained_and_locked_down(ns, web):
     r, page = web.request("GET", "/")
     assert r.status == 200

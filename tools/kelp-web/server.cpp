@@ -6,8 +6,13 @@
 #include "origin.h"
 #include "wire.h"
 
+#include "util/kd_fd.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
 #include <syslog.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -285,6 +290,26 @@ void on_completed(void *, MHD_Connection *, void **req_cls, MHD_RequestTerminati
     *req_cls = nullptr;
 }
 
+// A TCP socket bound to addr and listening, or -1 with errno telling why.
+// Made here rather than by libmicrohttpd so that the reason is known.
+int listen_on(const sockaddr_in &addr)
+{
+    kd_unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd)
+        return -1;
+    // As libmicrohttpd does: a restart need not wait for old connections.
+    int on = 1;
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0 ||
+        listen(fd.get(), SOMAXCONN) != 0) {
+        int err = errno;
+        fd = kd_unique_fd(); // closed before errno is set for the caller
+        errno = err;
+        return -1;
+    }
+    return fd.release();
+}
+
 } // namespace
 
 bool stream_parked(void *stream)
@@ -302,19 +327,29 @@ int stream_socket(void *stream)
 bool server_start(web_server *srv, const sockaddr_in &addr)
 {
     srv->sessions.wake = wake_stream;
+    int fd = listen_on(addr);
+    if (fd < 0) {
+        int err = errno;
+        char ip[INET_ADDRSTRLEN] = "?";
+        inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof(ip));
+        fprintf(stderr, "kelp-web: cannot listen on %s:%u: %s\n", ip, ntohs(addr.sin_port), strerror(err));
+        return false;
+    }
     unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG;
     MHD_Daemon *d = MHD_start_daemon(flags, ntohs(addr.sin_port), nullptr, nullptr, on_request, srv,
                                      MHD_OPTION_EXTERNAL_LOGGER, on_mhd_log, nullptr,
-                                     MHD_OPTION_SOCK_ADDR, &addr,
+                                     MHD_OPTION_LISTEN_SOCKET, fd,
                                      MHD_OPTION_NOTIFY_COMPLETED, on_completed, srv,
                                      MHD_OPTION_CONNECTION_LIMIT, 64u,
                                      MHD_OPTION_CONNECTION_TIMEOUT, 60u,
                                      MHD_OPTION_END);
     if (!d) {
-        fprintf(stderr, "kelp-web: cannot listen on the address given\n");
+        // The socket is left to the process's end: whether libmicrohttpd
+        // closed it on its way out is not said.
+        fprintf(stderr, "kelp-web: cannot start the HTTP server\n");
         return false;
     }
-    srv->mhd.reset(d);
+    srv->mhd.reset(d); // the daemon owns the socket from here on
     return true;
 }
 

@@ -3,6 +3,8 @@
 
 #include "wire.h"
 
+#include "platform/csock.h"
+
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -58,11 +60,9 @@ int ctl_connect(const char *path)
     kd_unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd)
         return -1;
-    sockaddr_un sa = {};
-    sa.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof(sa.sun_path))
+    sockaddr_un sa;
+    if (csock_sockaddr_set_unix(&sa, path) < 0)
         return -1;
-    memcpy(sa.sun_path, path, strlen(path));
     if (connect(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0)
         return -1;
     return fd.release();

@@ -262,12 +262,21 @@ TEST_F(notify, ProfileWithoutConnectionsIsNotToldWhenTheInternetReturns)
     login(2);
     hang_up(a);
     pump();
+    ASSERT_EQ(profile_in(g_rssproflist, 1)->nconns, 0u);
     g_internet_up = true;
     advance(30);
     pump();
-    EXPECT_EQ(profile_in(g_rssproflist, 1)->nconns, 0u);
     EXPECT_EQ(profile_in(g_rssproflist, 1)->was_online, 0);
     EXPECT_EQ(profile_in(g_rssproflist, 2)->was_online, 1);
+    // Not told then, profile 1 is still to be told: its next client, come
+    // during the next outage, hears of the internet's return.
+    g_internet_up = false;
+    int again = login(1);
+    g_internet_up = true;
+    advance(30);
+    pump();
+    EXPECT_EQ(answer(again), "OK\tstatus\tdomain:rss\tprofile_id:1");
+    EXPECT_EQ(profile_in(g_rssproflist, 1)->was_online, 1);
 }
 
 TEST_F(notify, StatusQueuedForAProfileFreedMeanwhileIsDropped)

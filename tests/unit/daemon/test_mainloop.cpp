@@ -30,13 +30,6 @@ TEST(LoopDecision, TerminateAlwaysLeadsToShutdownStep)
     EXPECT_FALSE(kd_loop_continue(true, true, true, false));
 }
 
-TEST(LoopDecision, ClientConnectedInThisWakeUpCountsAsHadClients)
-{
-    // had clients is set from the list before the decision, so a fresh
-    // client with the list non-empty keeps the loop going.
-    EXPECT_TRUE(kd_loop_continue(false, true, true, false));
-}
-
 TEST(ShutdownReason, LastClientDisconnected)
 {
     EXPECT_STREQ(kd_shutdown_reason(false, true, false), "last client disconnected");
