@@ -41,13 +41,15 @@ if [ "$mode" = build-only ]; then
 fi
 
 configure "$size_tree"
-cmake --build "$size_tree" --target kelpd
+cmake --build "$size_tree" --target kelpd kelp-fetch
 # kelp-web, where the target's libmicrohttpd is installed (dynamic tree only).
 if [ -e "/usr/lib/$triple/pkgconfig/libmicrohttpd.pc" ]; then
   cmake --build "$size_tree" --target kelp-web
 fi
 "$triple-strip" -o "$size_tree/kelpd.stripped" "$size_tree/bin/kelpd"
+"$triple-strip" -o "$size_tree/kelp-fetch.stripped" "$size_tree/bin/kelp-fetch"
 size=$(stat -c %s "$size_tree/kelpd.stripped")
+fetch_size=$(stat -c %s "$size_tree/kelp-fetch.stripped")
 built=$(date +%s)
 
 filter=
@@ -68,7 +70,7 @@ status=0
 (cd "$test_tree" && env "${env[@]}" ctest --output-on-failure -j"$jobs" -E '^system_') || status=$?
 
 summary=$(python3 scripts/cross_summary.py "$test_tree" fuzz/corpus "$notrun")
-line="cross $arch: kelpd $size bytes stripped (-Os); $summary; build $((built - started))s, tests $(($(date +%s) - built))s"
+line="cross $arch: kelpd $size bytes stripped (-Os), kelp-fetch $fetch_size; $summary; build $((built - started))s, tests $(($(date +%s) - built))s"
 echo "$line"
-printf '%s\t%s\t%s\t%s\t%s\n' "$arch" "$triple" "$size" "$summary" "$(date -u +%F)" > "$test_tree/cross-result.txt"
+printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$arch" "$triple" "$size" "$summary" "$(date -u +%F)" "$fetch_size" > "$test_tree/cross-result.txt"
 exit $status
