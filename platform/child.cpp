@@ -110,6 +110,10 @@ bool child_beside_self(const char *name, char *buf, size_t size)
 
 pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd)
 {
+    // Not every posix_spawn reports a failed exec (emulators, old kernels
+    // run it in a child of its own): a missing program is named here.
+    if (access(path, X_OK) != 0)
+        return -1;
     int in = job_pipe(job, n);
     if (in < 0)
         return -1;
