@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string_view>
 #include "platform/slab.h"
-#include "util/kd_mxml.h"
 
 void rpcw_buf_free(rpc_buf *b)
 {
@@ -277,9 +276,17 @@ static mxml_node_t *parse_strict(const char *text)
     return x;
 }
 
+// Bytes 0xFE 0xFF or 0xFF 0xFE anywhere in a text switch Mini-XML's string
+// reader to UTF-16, and it then reads up to three bytes past the terminator:
+// such a text is parsed from a copy with four zero bytes behind it.
+static size_t utf16_pad_for(const char *text)
+{
+    return strpbrk(text, "\xFE\xFF") ? 4 : 0;
+}
+
 mxml_node_t *rpcw_parse_xml(const char *text)
 {
-    size_t pad = kd_mxml_pad_for(text);
+    size_t pad = utf16_pad_for(text);
     if (!pad)
         return parse_strict(text);
     // A copy with zero bytes behind its terminator, which Mini-XML may read.
