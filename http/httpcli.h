@@ -6,6 +6,8 @@
 #pragma once
 #include <cstdint>
 
+#include "util/kd_limits.h"
+
 struct httpcli_ctx {
     const char *proxy;   // proxy host, null or empty for direct connections
     int32_t proxy_port;
@@ -39,7 +41,7 @@ enum {
 };
 
 inline constexpr uint32_t bufsizestep = 2048;
-inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = 196608;
+inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = KD_FEED_MAX_BYTES;
 // Seconds one fetch may take, connect, request, response and every redirect
 // hop together, on the monotonic clock: the per-wait time-out alone lets a
 // server that trickles a byte per wait hold the caller for days. A fetch
