@@ -11,6 +11,7 @@
 #include "util/bitfield.h"
 #include "util/kd_limits.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 #include <cstring>
 

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/kd_msg.h"
 #include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
@@ -20,6 +19,7 @@
 #include "platform/slab.h"
 #include "util/bitfield.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 namespace {
 
