@@ -72,11 +72,17 @@ void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc)
 void kd_refresh_domain_timers(mxml_node_t *root);
 void kd_refresh_timers(void);
 // The internet status as the daemon sees it, asked before polls start and
-// by the client service: dsldstat_internet_usable by default; unit tests
-// substitute their own.
-extern int (*kd_internet_usable)(void);
+// by the client service.
+int kd_internet_usable(void);
 void kd_unlink_profile(kd_client *client, kd_profile *profile);
 int kd_config_empty(void);
+
+// Seams for tests; kd_config_set_hooks(nullptr) puts the defaults back.
+struct kd_config_hooks {
+    // The device's internet status: dsldstat_internet_usable.
+    int (*internet_usable)(void);
+};
+void kd_config_set_hooks(const kd_config_hooks *hooks);
 
 // --- read markers ---
 // Sets the bit of `index` in the subscription's "read"; 1 when it was clear.

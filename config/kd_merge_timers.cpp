@@ -75,9 +75,21 @@ bool has_items(mxml_node_t *root)
     return root && mxmlFindElement(root, root, "item", nullptr, nullptr, MXML_DESCEND) != nullptr;
 }
 
+constexpr kd_config_hooks kDefaultHooks{dsldstat_internet_usable};
+
+kd_config_hooks g_hooks = kDefaultHooks;
+
 } // namespace
 
-int (*kd_internet_usable)(void) = dsldstat_internet_usable;
+void kd_config_set_hooks(const kd_config_hooks *hooks)
+{
+    g_hooks = hooks ? *hooks : kDefaultHooks;
+}
+
+int kd_internet_usable(void)
+{
+    return g_hooks.internet_usable();
+}
 
 void kd_add_immediate_refresh(kd_node *feed)
 {

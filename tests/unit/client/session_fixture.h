@@ -33,6 +33,13 @@ namespace kelp_test {
 inline bool g_internet_up = true;
 inline int fake_internet(void) { return g_internet_up ? 1 : 0; }
 
+// The internet status the configuration sees from now on.
+inline void use_internet(int (*usable)(void))
+{
+    kd_config_hooks hooks{usable};
+    kd_config_set_hooks(&hooks);
+}
+
 // The URL of every poll's fetch since the test began.
 inline std::vector<std::string> &fetched_urls()
 {
@@ -124,7 +131,7 @@ protected:
         ASSERT_EQ(timeout_init(), 0);
         verbosity = 4;
         g_internet_up = true;
-        kd_internet_usable = fake_internet;
+        use_internet(fake_internet);
         fetch_inline(unreachable_fetch);
         fetched_urls().clear();
         g_configstate = 2;
@@ -148,7 +155,7 @@ protected:
         timeout_exit();
         csock_exit();
         EXPECT_EQ(slab_live_count(), baseline);
-        kd_internet_usable = fake_internet;
+        kd_config_set_hooks(nullptr);
         g_configstate = -1;
         g_receiveddomains = 0;
         verbosity = 0;
