@@ -17,6 +17,7 @@
 #include "feed/kd_node.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
 
 int32_t g_retry_timer;
@@ -198,6 +199,14 @@ void status_to_unaware(kd_profile *list)
 }
 
 } // namespace
+
+void kd_client_register(void)
+{
+    constexpr kd_config_clients for_config{kd_check_profupdate, kd_client_drop_profile, kd_client_fd};
+    constexpr kd_refresh_clients for_refresh{kd_send_overview, kd_entry_updated};
+    kd_config_set_clients(&for_config);
+    kd_refresh_set_clients(&for_refresh);
+}
 
 void kd_send_overview(mxml_node_t *subscription, kd_client *except)
 {

@@ -7,13 +7,13 @@
 #include <sys/un.h>
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
+#include "config/kd_merge.h"
 #include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
 #include "platform/rpc_configd.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
-#include "refresh/kd_fetch.h"
 #include "util/kd_log.h"
 
 int32_t g_configstate = KD_CONFIG_NONE;
@@ -139,7 +139,7 @@ static void free_domain(mxml_node_t **slot)
         // A poll left running would fire on a freed record.
         if (feed && feed->timer > 0)
             timeout_del(feed->timer);
-        kd_fetch_cancel(feed); // its answer would come for a freed record
+        kd_polls().cancel(feed); // its answer would come for a freed record
         kdn_free_feed(feed);
         mxmlSetUserData(e, nullptr);
     }

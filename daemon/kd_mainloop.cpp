@@ -3,6 +3,7 @@
 #include "daemon/kd_mainloop.h"
 
 #include "client/kd_client.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "daemon/kd_daemon.h"
 #include "daemon/kd_diag.h"
@@ -10,6 +11,7 @@
 #include "platform/kd_paths.h"
 #include "platform/rpc.h"
 #include "refresh/kd_fetch.h"
+#include "refresh/kd_interweb.h"
 #include "util/kd_fd.h"
 #include "util/kd_log.h"
 
@@ -126,6 +128,10 @@ void shutdown_step(kd_loop &loop)
 
 int32_t main_loop(void)
 {
+    // The modules above config/ hand it what it calls up to, before the
+    // first document can arrive.
+    kd_refresh_register();
+    kd_client_register();
     kd_loop loop;
     loop.conn = kd_config_init();
     if (!loop.conn)

@@ -5,6 +5,7 @@
 #pragma once
 #include "client/kd_client.h"
 #include "client/kd_msg.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
 #include "feed/kd_node.h"
@@ -132,6 +133,8 @@ protected:
         verbosity = 4;
         g_internet_up = true;
         use_internet(fake_internet);
+        kd_refresh_register();
+        kd_client_register();
         fetch_inline(unreachable_fetch);
         fetched_urls().clear();
         g_configstate = 2;
