@@ -41,6 +41,13 @@ test-notls: build-notls
 	  echo "KELP_TLS=OFF build links a TLS library" >&2; exit 1; fi
 	cd $(BUILD_NOTLS) && ctest --output-on-failure -j$(CTEST_J) -R '^system_test_http'
 
+# Calls go down: no product source includes a layer above its own, and no
+# static library links one (docs/architecture.md, "Layers").
+.PHONY: check-layers
+check-layers:
+	scripts/check-layers.py
+
+check: check-layers
 check: test test-asan test-notls
 
 # Benchmarks, not tests: an optimised tree, then every bench/suite_* through
