@@ -98,6 +98,13 @@ int open_control_socket(kd_unique_fd &sock, kd_client **clients)
     return handle < 0 ? -1 : handle;
 }
 
+// SIGUSR2: the status dump, then the flag is cleared (here only).
+void serve_dump(kd_client *clients)
+{
+    kd_status_dump(clients);
+    g_dump = 0;
+}
+
 void serve_hangup()
 {
     verbosity = kd_next_verbosity(verbosity);
@@ -153,10 +160,8 @@ int32_t main_loop(void)
         kd_log_received_signals();
         if (loop.clients)
             loop.had_clients = true;
-        if (g_dump) {
-            kd_status_dump(loop.clients);
-            g_dump = 0;
-        }
+        if (g_dump)
+            serve_dump(loop.clients);
         if (g_hangup)
             serve_hangup();
         if (!kd_loop_continue(g_terminate != 0, loop.had_clients, loop.clients != nullptr, kd_config_empty() != 0))
