@@ -46,7 +46,7 @@ mxml_node_t *kd_first_entry(mxml_node_t *pool);
 mxml_node_t *kd_next_entry(mxml_node_t *entry, mxml_node_t *pool);
 
 // --- configd session ---
-// States of the session (g_configstate, owned by config/).
+// States of the session (g_configstate, owned by config/, kd_config_state.h).
 inline constexpr int32_t KD_CONFIG_NONE = -1;       // no connection
 inline constexpr int32_t KD_CONFIG_CONNECTING = 0;
 inline constexpr int32_t KD_CONFIG_REQUESTED = 1;   // a document was asked for

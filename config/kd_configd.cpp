@@ -17,11 +17,22 @@
 #include "util/kd_log.h"
 
 int32_t g_configstate = KD_CONFIG_NONE;
-uint32_t g_receiveddomains;
-static rpc_conn *g_configconn;
+
+namespace {
+
+// The session beside its state: what has arrived, and where saves go.
+struct configd_session {
+    uint32_t received;   // KD_RECEIVED_* bits, only ever ORed
+    rpc_conn *conn;      // from "established" to "closed", else null
+};
+
+configd_session g_session;
+
+} // namespace
 
 int32_t kd_config_state(void) { return g_configstate; }
-uint32_t kd_config_received(void) { return g_receiveddomains; }
+uint32_t kd_config_received(void) { return g_session.received; }
+void kd_config_set_received(uint32_t bits) { g_session.received = bits; }
 
 static const rpc_callback g_configd_callbacks[] = {
     {RPC_EV_CLOSED, kd_configd_closed},
@@ -54,7 +65,7 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *)
     rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_RSS, KD_DOMAIN_RSS);
     rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_PODCAST, KD_DOMAIN_PODCAST);
     g_configstate = KD_CONFIG_REQUESTED;
-    g_configconn = conn;
+    g_session.conn = conn;
 }
 
 // The session owns the tree from here on: the merge adopts it or refuses it.
@@ -66,7 +77,7 @@ static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t 
     // A refused tree is out of the reply and held by nobody: keeping it would leak it.
     if (*slot != tree)
         mxmlDelete(tree);
-    g_receiveddomains |= bit;
+    g_session.received |= bit;
 }
 
 void kd_configd_data(rpc_conn *, rpc_msg *msg)
@@ -151,7 +162,7 @@ void kd_configd_closed(rpc_conn *, rpc_msg *)
 {
     KD_LOG(3, LOG_INFO, "configd connection closed");
     g_configstate = KD_CONFIG_NONE;
-    g_configconn = nullptr;
+    g_session.conn = nullptr;
     free_profiles(&g_rssproflist);
     free_profiles(&g_podproflist);
     free_domain(&g_rssdomain);
@@ -185,5 +196,5 @@ void kd_save_config(mxml_node_t *root)
             KD_LOG(4, LOG_DEBUG, "%s", text);
         free(text);
     }
-    rpc_send_req(g_configconn, RPC_CONFIGD_SAVE_CONFIG, 0, name, root);
+    rpc_send_req(g_session.conn, RPC_CONFIGD_SAVE_CONFIG, 0, name, root);
 }

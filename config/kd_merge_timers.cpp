@@ -136,7 +136,7 @@ void kd_unlink_profile(kd_client *client, kd_profile *profile)
 
 int kd_config_empty(void)
 {
-    if (g_configstate != KD_CONFIG_RECEIVED || g_receiveddomains != KD_RECEIVED_BOTH)
+    if (g_configstate != KD_CONFIG_RECEIVED || kd_config_received() != KD_RECEIVED_BOTH)
         return 0;
     if (has_items(g_rssdomain) || has_items(g_poddomain))
         return 0;

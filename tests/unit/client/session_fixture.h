@@ -138,7 +138,7 @@ protected:
         fetch_inline(unreachable_fetch);
         fetched_urls().clear();
         g_configstate = 2;
-        g_receiveddomains = 3;
+        kd_config_set_received(3);
         captured_log().clear();
         baseline = slab_live_count();
     }
@@ -160,7 +160,7 @@ protected:
         EXPECT_EQ(slab_live_count(), baseline);
         kd_config_set_hooks(nullptr);
         g_configstate = -1;
-        g_receiveddomains = 0;
+        kd_config_set_received(0);
         verbosity = 0;
     }
 
