@@ -11,17 +11,21 @@
 namespace {
 
 // The lines the fetch logs, sent along with its outcome.
-char g_log[KD_FETCH_LOG_MAX];
-uint32_t g_loglen = 0;
+struct child_log {
+    char text[KD_FETCH_LOG_MAX];
+    uint32_t len;
+};
+
+child_log g_log;
 
 void keep_line(int prio, const char *text)
 {
     uint32_t head[2] = {static_cast<uint32_t>(prio), static_cast<uint32_t>(strlen(text))};
-    if (head[1] > sizeof g_log - g_loglen - sizeof head)
+    if (head[1] > sizeof g_log.text - g_log.len - sizeof head)
         return; // the first lines tell why; later ones are dropped
-    memcpy(g_log + g_loglen, head, sizeof head);
-    memcpy(g_log + g_loglen + sizeof head, text, head[1]);
-    g_loglen += static_cast<uint32_t>(sizeof head) + head[1];
+    memcpy(g_log.text + g_log.len, head, sizeof head);
+    memcpy(g_log.text + g_log.len + sizeof head, text, head[1]);
+    g_log.len += static_cast<uint32_t>(sizeof head) + head[1];
 }
 
 } // namespace
@@ -39,5 +43,5 @@ int kd_fetch_child_main(void *arg, int wfd)
         KD_LOG(1, LOG_ERR, "unable to drop privileges to fetch %s: %s", job->url, strerror(err));
     else
         code = job->fetch(&job->ctx, job->url, &resp, &res);
-    return kd_fetch_write(wfd, code, &resp, &res, g_log, g_loglen) ? 0 : 1;
+    return kd_fetch_write(wfd, code, &resp, &res, g_log.text, g_log.len) ? 0 : 1;
 }
