@@ -29,12 +29,18 @@ struct rpc_conn {
     rpc_conn *next;
 };
 
-static rpc_conn *g_clients;
-static rpc_conn *g_servers;
-static int g_listenfd = -1;
-static int g_listenhandle = -1;
-static rpc_ifaceinfo *g_listeniface;
-static const rpc_callback *g_listencbs;
+// The connections this process made and those it accepted, and its
+// listening socket with what each accepted connection gets.
+struct rpc_state {
+    rpc_conn *clients;
+    rpc_conn *servers;
+    int listenfd = -1;
+    int listenhandle = -1;
+    rpc_ifaceinfo *listeniface;
+    const rpc_callback *listencbs;
+};
+
+static rpc_state g_rpc;
 
 static constexpr size_t READ_CHUNK = 64 * 1024;
 // A peer that stops reading must not make us queue without end.
@@ -42,7 +48,7 @@ static constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
 
 static rpc_conn **list_of(rpc_conn *c)
 {
-    return c->server ? &g_servers : &g_clients;
+    return c->server ? &g_rpc.servers : &g_rpc.clients;
 }
 
 static void unlink_conn(rpc_conn *c)
@@ -355,10 +361,10 @@ int rpc_send_ind(rpc_conn *conn, uint32_t id, ...)
 // freed): only act on connections that are still in one of our lists.
 static bool is_live(const rpc_conn *conn)
 {
-    for (const rpc_conn *c = g_clients; c; c = c->next)
+    for (const rpc_conn *c = g_rpc.clients; c; c = c->next)
         if (c == conn)
             return true;
-    for (const rpc_conn *c = g_servers; c; c = c->next)
+    for (const rpc_conn *c = g_rpc.servers; c; c = c->next)
         if (c == conn)
             return true;
     return false;
@@ -375,14 +381,14 @@ void rpc_close(rpc_conn *conn)
 
 int rpc_isempty(void)
 {
-    return g_clients == nullptr;
+    return g_rpc.clients == nullptr;
 }
 
 static int on_accept(int fd, void *)
 {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
-    return add_conn(fd, g_listeniface, g_listencbs, 1) ? 0 : -1;
+    return add_conn(fd, g_rpc.listeniface, g_rpc.listencbs, 1) ? 0 : -1;
 }
 
 int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
@@ -398,15 +404,15 @@ int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
         return -1;
     }
     mxmlSetWrapMargin(0);
-    g_listeniface = iface;
-    g_listencbs = cbs;
+    g_rpc.listeniface = iface;
+    g_rpc.listencbs = cbs;
     int h = csock_add_listenfd(fd, "rpc-listen", on_accept, nullptr, nullptr);
     if (h <= 0) {
         close(fd);
         return -1;
     }
-    g_listenfd = fd;
-    g_listenhandle = h;
+    g_rpc.listenfd = fd;
+    g_rpc.listenhandle = h;
     return h;
 }
 
@@ -424,13 +430,13 @@ static void drop_all(rpc_conn **list)
 
 void rpc_shutdown(void)
 {
-    drop_all(&g_servers);
-    drop_all(&g_clients);
-    if (g_listenhandle > 0)
-        csock_fastclose(g_listenhandle);
-    if (g_listenfd >= 0)
-        close(g_listenfd);
-    g_listenfd = g_listenhandle = -1;
+    drop_all(&g_rpc.servers);
+    drop_all(&g_rpc.clients);
+    if (g_rpc.listenhandle > 0)
+        csock_fastclose(g_rpc.listenhandle);
+    if (g_rpc.listenfd >= 0)
+        close(g_rpc.listenfd);
+    g_rpc.listenfd = g_rpc.listenhandle = -1;
 }
 
 void rpc_set_userdata(rpc_conn *conn, void *data)
