@@ -34,7 +34,9 @@ int32_t kd_config_state(void) { return g_configstate; }
 uint32_t kd_config_received(void) { return g_session.received; }
 void kd_config_set_received(uint32_t bits) { g_session.received = bits; }
 
-static const rpc_callback g_configd_callbacks[] = {
+namespace {
+
+const rpc_callback g_configd_callbacks[] = {
     {RPC_EV_CLOSED, kd_configd_closed},
     {RPC_EV_ESTABLISHED, kd_configd_established},
     {RPC_EV_ERROR, kd_configd_error},
@@ -42,6 +44,8 @@ static const rpc_callback g_configd_callbacks[] = {
     {RPC_CONFIGD_CHANGE_IND, kd_configd_change},
     {0, nullptr},
 };
+
+} // namespace
 
 rpc_conn *kd_config_init(void)
 {
@@ -68,8 +72,10 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *)
     g_session.conn = conn;
 }
 
+namespace {
+
 // The session owns the tree from here on: the merge adopts it or refuses it.
-static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
+void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
 {
     mxml_node_t *tree = msg->x;
     msg->x = nullptr;
@@ -79,6 +85,8 @@ static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t 
         mxmlDelete(tree);
     g_session.received |= bit;
 }
+
+} // namespace
 
 void kd_configd_data(rpc_conn *, rpc_msg *msg)
 {
@@ -117,8 +125,10 @@ void kd_configd_error(rpc_conn *conn, rpc_msg *msg)
     rpc_close(conn);
 }
 
+namespace {
+
 // Unlinks every connection of every record of a list, then frees the records.
-static void free_profiles(kd_profile **list)
+void free_profiles(kd_profile **list)
 {
     while (kd_profile *p = *list) {
         while (p->nconns > 0) {
@@ -139,7 +149,7 @@ static void free_profiles(kd_profile **list)
 }
 
 // Frees the feed records of the pool, then the document.
-static void free_domain(mxml_node_t **slot)
+void free_domain(mxml_node_t **slot)
 {
     mxml_node_t *root = *slot;
     if (!root)
@@ -157,6 +167,8 @@ static void free_domain(mxml_node_t **slot)
     mxmlDelete(root);
     *slot = nullptr;
 }
+
+} // namespace
 
 void kd_configd_closed(rpc_conn *, rpc_msg *)
 {

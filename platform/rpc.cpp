@@ -29,6 +29,8 @@ struct rpc_conn {
     rpc_conn *next;
 };
 
+namespace {
+
 // The connections this process made and those it accepted, and its
 // listening socket with what each accepted connection gets.
 struct rpc_state {
@@ -40,18 +42,18 @@ struct rpc_state {
     const rpc_callback *listencbs;
 };
 
-static rpc_state g_rpc;
+rpc_state g_rpc;
 
-static constexpr size_t READ_CHUNK = 64 * 1024;
+constexpr size_t READ_CHUNK = 64 * 1024;
 // A peer that stops reading must not make us queue without end.
-static constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
+constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
 
-static rpc_conn **list_of(rpc_conn *c)
+rpc_conn **list_of(rpc_conn *c)
 {
     return c->server ? &g_rpc.servers : &g_rpc.clients;
 }
 
-static void unlink_conn(rpc_conn *c)
+void unlink_conn(rpc_conn *c)
 {
     for (rpc_conn **p = list_of(c); *p; p = &(*p)->next)
         if (*p == c) {
@@ -60,7 +62,7 @@ static void unlink_conn(rpc_conn *c)
         }
 }
 
-static rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
+rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
 {
     for (; cbs && (cbs->id || cbs->handler); cbs++)
         if (cbs->id == id)
@@ -68,7 +70,7 @@ static rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
     return nullptr;
 }
 
-static void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
+void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
 {
     rpc_handler h = find_handler(c->cbs, ev);
     rpc_msg m{};
@@ -80,7 +82,7 @@ static void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
 
 // Marks the connection broken after telling the owner why; the close itself
 // happens when the current csock callback has returned.
-static void fail(rpc_conn *c, int32_t code)
+void fail(rpc_conn *c, int32_t code)
 {
     if (c->failed)
         return;
@@ -91,14 +93,14 @@ static void fail(rpc_conn *c, int32_t code)
 }
 
 // Closes the socket once nothing is left to do on it.
-static void maybe_finish(rpc_conn *c)
+void maybe_finish(rpc_conn *c)
 {
     bool idle = c->out.len == c->out.off;
     if (c->failed || (c->closing && idle))
         csock_close(c->handle, 0);
 }
 
-static void ensure_established(rpc_conn *c)
+void ensure_established(rpc_conn *c)
 {
     if (c->established)
         return;
@@ -114,12 +116,12 @@ static void ensure_established(rpc_conn *c)
 
 // Requests only go to servers, replies and indications only to clients: a
 // frame the other way would reach a handler with the wrong payload.
-static bool wrong_direction(const rpc_conn *c, uint8_t kind)
+bool wrong_direction(const rpc_conn *c, uint8_t kind)
 {
     return c->server ? kind != RPCW_REQUEST : kind == RPCW_REQUEST;
 }
 
-static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
+void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
 {
     if (wrong_direction(c, payload[0])) {
         fail(c, RPC_ERR_MALFORMED);
@@ -147,7 +149,7 @@ static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
 
 // Runs every complete frame in the input buffer, stopping when the owner
 // closed the connection from a handler.
-static void process_input(rpc_conn *c)
+void process_input(rpc_conn *c)
 {
     uint32_t len;
     int r;
@@ -165,7 +167,7 @@ static void process_input(rpc_conn *c)
 
 // Reads what is there: 1 while the stream stays open, 0 at its end, or the
 // negative RPC_ERR_* code of a failure.
-static int read_some(rpc_conn *c)
+int read_some(rpc_conn *c)
 {
     for (int rounds = 0; rounds < 64; rounds++) {
         if (!rpcw_buf_reserve(&c->in, READ_CHUNK))
@@ -182,7 +184,7 @@ static int read_some(rpc_conn *c)
     return 1;
 }
 
-static void on_read(int, void *ctx)
+void on_read(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed)
@@ -198,7 +200,7 @@ static void on_read(int, void *ctx)
     maybe_finish(c);
 }
 
-static void flush_output(rpc_conn *c)
+void flush_output(rpc_conn *c)
 {
     while (c->out.off < c->out.len) {
         ssize_t n = send(c->fd, c->out.data + c->out.off, c->out.len - c->out.off, MSG_NOSIGNAL);
@@ -215,7 +217,7 @@ static void flush_output(rpc_conn *c)
     csock_want_write(c->handle, 0);
 }
 
-static void on_write(int, void *ctx)
+void on_write(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed)
@@ -225,7 +227,7 @@ static void on_write(int, void *ctx)
     maybe_finish(c);
 }
 
-static void on_error(int, void *ctx)
+void on_error(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed && !c->closing && c->in.len > c->in.off)
@@ -234,7 +236,7 @@ static void on_error(int, void *ctx)
     maybe_finish(c);
 }
 
-static void on_close(int, void *ctx)
+void on_close(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     close(c->fd);
@@ -246,7 +248,7 @@ static void on_close(int, void *ctx)
     kd_free(c);
 }
 
-static rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, int server)
+rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, int server)
 {
     auto *c = static_cast<rpc_conn *>(kd_calloc(1, sizeof(rpc_conn)));
     if (!c)
@@ -265,6 +267,8 @@ static rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs,
     *list_of(c) = c;
     return c;
 }
+
+} // namespace
 
 int rpc_addiface(rpc_ifaceinfo *iface, const rpc_msgdesc *params, int, int)
 {
@@ -302,7 +306,9 @@ rpc_conn *rpc_adopt_fd(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, in
     return add_conn(fd, iface, cbs, server);
 }
 
-static int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_list ap)
+namespace {
+
+int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_list ap)
 {
     if (!c || c->closing || c->failed || c->out.len - c->out.off > MAX_QUEUED)
         return -1;
@@ -314,6 +320,8 @@ static int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_
     csock_want_write(c->handle, 1);
     return 0;
 }
+
+} // namespace
 
 int rpc_send_req(rpc_conn *conn, uint32_t id, uint32_t tag, ...)
 {
@@ -333,8 +341,10 @@ int rpc_send_reply(rpc_conn *conn, uint32_t id, uint32_t tag, ...)
     return r;
 }
 
+namespace {
+
 // The reason travels as the error reply's one text.
-static int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
+int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
 {
     va_list ap;
     va_start(ap, tag);
@@ -342,6 +352,8 @@ static int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
     va_end(ap);
     return r;
 }
+
+} // namespace
 
 int rpc_send_error(rpc_conn *conn, uint32_t id, uint32_t tag, const char *reason)
 {
@@ -357,9 +369,11 @@ int rpc_send_ind(rpc_conn *conn, uint32_t id, ...)
     return r;
 }
 
+namespace {
+
 // A caller may still hold a connection that the peer already closed (and we
 // freed): only act on connections that are still in one of our lists.
-static bool is_live(const rpc_conn *conn)
+bool is_live(const rpc_conn *conn)
 {
     for (const rpc_conn *c = g_rpc.clients; c; c = c->next)
         if (c == conn)
@@ -369,6 +383,8 @@ static bool is_live(const rpc_conn *conn)
             return true;
     return false;
 }
+
+} // namespace
 
 void rpc_close(rpc_conn *conn)
 {
@@ -384,12 +400,16 @@ int rpc_isempty(void)
     return g_rpc.clients == nullptr;
 }
 
-static int on_accept(int fd, void *)
+namespace {
+
+int on_accept(int fd, void *)
 {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     return add_conn(fd, g_rpc.listeniface, g_rpc.listencbs, 1) ? 0 : -1;
 }
+
+} // namespace
 
 int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
 {
@@ -416,7 +436,9 @@ int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
     return h;
 }
 
-static void drop_all(rpc_conn **list)
+namespace {
+
+void drop_all(rpc_conn **list)
 {
     while (rpc_conn *c = *list) {
         *list = c->next;
@@ -427,6 +449,8 @@ static void drop_all(rpc_conn **list)
         kd_free(c);
     }
 }
+
+} // namespace
 
 void rpc_shutdown(void)
 {
