@@ -15,7 +15,9 @@
 #include "platform/rpc.h"
 #include "util/kd_mxml.h"
 
-static int cmd_get(const char *domain)
+namespace {
+
+int cmd_get(const char *domain)
 {
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
@@ -32,6 +34,8 @@ static int cmd_get(const char *domain)
     }
     return 0;
 }
+
+} // namespace
 
 bool ctl_read_input(const char *file, size_t limit, std::string *text, std::string *why)
 {
@@ -58,7 +62,9 @@ bool ctl_read_input(const char *file, size_t limit, std::string *text, std::stri
     return why->empty();
 }
 
-static int cmd_set(const char *domain, const char *file)
+namespace {
+
+int cmd_set(const char *domain, const char *file)
 {
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
@@ -75,12 +81,12 @@ static int cmd_set(const char *domain, const char *file)
     return 0;
 }
 
-static int get_main(int argc, char **argv)
+int get_main(int argc, char **argv)
 {
     return argc == 1 ? cmd_get(argv[0]) : ctl_usage(false);
 }
 
-static int set_main(int argc, char **argv)
+int set_main(int argc, char **argv)
 {
     return argc == 2 ? cmd_set(argv[0], argv[1]) : ctl_usage(false);
 }
@@ -90,7 +96,7 @@ struct command {
     int (*run)(int argc, char **argv);
 };
 
-static const command g_commands[] = {
+const command g_commands[] = {
     {"get", nullptr, get_main},
     {"set", nullptr, set_main},
     {"feeds", nullptr, ctl_feeds},
@@ -104,6 +110,8 @@ static const command g_commands[] = {
     {"opml", "export", ctl_opml_export},
     {"opml", "import", ctl_opml_import},
 };
+
+} // namespace
 
 int ctl_usage(bool help)
 {
@@ -128,8 +136,10 @@ int ctl_usage(bool help)
     return help ? 0 : 2;
 }
 
+namespace {
+
 // "--timeout S" or "--timeout=S" before the command; false for a bad value.
-static bool take_timeout(int *i, int argc, char **argv)
+bool take_timeout(int *i, int argc, char **argv)
 {
     const char *a = argv[*i];
     const char *v = !strncmp(a, "--timeout=", 10) ? a + 10 : *i + 1 < argc ? argv[++*i] : "";
@@ -140,6 +150,8 @@ static bool take_timeout(int *i, int argc, char **argv)
     g_ctl_timeout = int(s);
     return true;
 }
+
+} // namespace
 
 int main(int argc, char **argv)
 {

@@ -9,8 +9,12 @@
 #include "configd/opml.h"
 #include "configd/store.h"
 
+namespace {
+
 // The largest OPML file configctl reads.
-static constexpr size_t OPML_MAX_BYTES = 8 << 20;
+constexpr size_t OPML_MAX_BYTES = 8 << 20;
+
+} // namespace
 
 int ctl_opml_export(int argc, char **argv)
 {
