@@ -52,8 +52,14 @@ test-notls: build-notls
 lint-man: deps
 	mandoc -T lint -W warning docs/man/*.[18]
 
+# Calls go down: no product source includes a layer above its own, and no
+# static library links one (docs/architecture.md, "Layers").
+.PHONY: check-layers
+check-layers:
+	scripts/check-layers.py
+
 # Last, the armhf cross tree is built (not run): the emulated runs are `make cross`.
-check: lint-man test test-asan test-notls cross-build-armhf
+check: lint-man check-layers test test-asan test-notls cross-build-armhf
 
 # Benchmarks, not tests: an optimised tree, then every bench/suite_* through
 # bench/run.py, which prints one table and writes bench/results.json. -O2:

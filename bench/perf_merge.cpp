@@ -30,7 +30,8 @@ void setup()
 {
     csock_init();
     timeout_init();
-    kd_internet_usable = offline;
+    kd_config_hooks hooks{offline};
+    kd_config_set_hooks(&hooks);
 }
 
 kd_node *parse(const std::string &doc)

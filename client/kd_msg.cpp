@@ -1,6 +1,6 @@
 // kd_msg helpers shared by the parser and the builders: the command and
-// error words of the wire format, number formatting into one static buffer,
-// the in-place tab replacement of stored texts and the growing message buffer.
+// error words of the wire format, number formatting into one static buffer
+// and the growing message buffer.
 #include "client/kd_msg.h"
 #include "client/kd_msg_limits.h"
 
@@ -63,17 +63,6 @@ const char *uint2str(uint32_t value)
         g_numbuf[i] = digits[n - 1 - i];
     g_numbuf[n] = '\0';
     return g_numbuf;
-}
-
-char *tab2space(char *text)
-{
-    if (!text)
-        return text;
-    for (char *p = text; *p; p++) {
-        if (*p == '\t')
-            *p = ' ';
-    }
-    return text;
 }
 
 int msg_append(char **buf, uint32_t *capacity, uint32_t *used, const char *text)

@@ -80,8 +80,6 @@ int kd_msg_request(char **buf, uint32_t *size, uint32_t cmd, int api, const kd_o
 const char *err2str(uint32_t err);
 const char *cmd2str(uint32_t cmd);
 const char *uint2str(uint32_t value);
-// Replaces each tab by a space in place; returns text (null stays null).
-char *tab2space(char *text);
 // Appends text (null appends nothing), doubling *capacity until two spare
 // bytes remain behind it; 0 when the buffer cannot grow (it is kept) or would
 // pass KD_MSG_MAX_BLOCK.

@@ -6,11 +6,12 @@
 
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
-#include "http/httpcli.h"
 #include "platform/charset.h"
 #include "platform/slab.h"
 #include "util/bitfield.h"
+#include "util/kd_limits.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 #include <cstring>
 
@@ -19,14 +20,14 @@ namespace {
 constexpr uint32_t kStartCapacity = 32;
 
 // The longest overview fits one block. A feed document holds at most
-// HTTPCLI_MAX_RESPONSE bytes (also after its conversion to UTF-8) and an item
+// KD_FEED_MAX_BYTES bytes (also after its conversion to UTF-8) and an item
 // takes at least 28 of them besides its title of at least one byte
 // ("<item><title>" "</title></item>"); its part of the overview is at most
 // 32 bytes besides the title ("\tuid:", 10 digits, "\tstate:", one digit,
 // "\tsubject:"), and loading never lengthens a title. So the items need at
 // most 33/29 of the document; the head (domain, ids, counts) gets 4 KiB.
 constexpr uint64_t kOverviewHead = 4096;
-static_assert(uint64_t(HTTPCLI_MAX_RESPONSE) * 33 / 29 + kOverviewHead + 2 <= KD_MSG_MAX_BLOCK,
+static_assert(uint64_t(KD_FEED_MAX_BYTES) * 33 / 29 + kOverviewHead + 2 <= KD_MSG_MAX_BLOCK,
               "the overview of the longest feed must fit one block");
 
 // The growing message: the caller's slots plus the used count.

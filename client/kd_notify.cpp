@@ -17,10 +17,8 @@
 #include "feed/kd_node.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
+#include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
-
-int32_t g_retry_timer;
-int32_t g_retry_wait;
 
 namespace {
 
@@ -36,15 +34,24 @@ struct queued_overview {
     queued_overview *next;
 };
 
-queued_overview *g_queued;
-// Overviews whose connection still had blocks waiting, in the order their
-// timers fired; released when that connection's queue has drained.
-queued_overview *g_held;
-queued_overview **g_held_tail = &g_held;
+// What the pushes hold between turns of the loop.
+struct push_state {
+    // Overviews waiting for their timer, newest first.
+    queued_overview *queued;
+    // Overviews whose connection still had blocks waiting, in the order
+    // their timers fired; released when that connection's queue has drained.
+    queued_overview *held;
+    queued_overview **held_tail;
+    // The internet-retry timer (0 when none is pending) and its wait in seconds.
+    int32_t retry_timer;
+    int32_t retry_wait;
+};
+
+push_state g_push = {nullptr, nullptr, &g_push.held, 0, 0};
 
 void unlist(queued_overview *q)
 {
-    for (queued_overview **pp = &g_queued; *pp; pp = &(*pp)->next) {
+    for (queued_overview **pp = &g_push.queued; *pp; pp = &(*pp)->next) {
         if (*pp == q) {
             *pp = q->next;
             return;
@@ -86,8 +93,8 @@ void hold(queued_overview *q)
 {
     q->timer = 0;
     q->next = nullptr;
-    *g_held_tail = q;
-    g_held_tail = &q->next;
+    *g_push.held_tail = q;
+    g_push.held_tail = &q->next;
 }
 
 // Takes out of the held list every overview of one connection (all of them
@@ -95,19 +102,19 @@ void hold(queued_overview *q)
 queued_overview *take_held(kd_client *client)
 {
     queued_overview *taken = nullptr, **tail = &taken;
-    g_held_tail = &g_held;
-    for (queued_overview *q = g_held, *next; q; q = next) {
+    g_push.held_tail = &g_push.held;
+    for (queued_overview *q = g_push.held, *next; q; q = next) {
         next = q->next;
         q->next = nullptr;
         if (client && q->client != client) {
-            *g_held_tail = q;
-            g_held_tail = &q->next;
+            *g_push.held_tail = q;
+            g_push.held_tail = &q->next;
             continue;
         }
         *tail = q;
         tail = &q->next;
     }
-    *g_held_tail = nullptr;
+    *g_push.held_tail = nullptr;
     return taken;
 }
 
@@ -118,8 +125,8 @@ void arm(queued_overview *q)
         kd_free(q);
         return;
     }
-    q->next = g_queued;
-    g_queued = q;
+    q->next = g_push.queued;
+    g_push.queued = q;
 }
 
 void overview_timer(void *param, int)
@@ -199,6 +206,14 @@ void status_to_unaware(kd_profile *list)
 
 } // namespace
 
+void kd_client_register(void)
+{
+    constexpr kd_config_clients for_config{kd_check_profupdate, kd_client_drop_profile, kd_client_fd};
+    constexpr kd_refresh_clients for_refresh{kd_send_overview, kd_entry_updated};
+    kd_config_set_clients(&for_config);
+    kd_refresh_set_clients(&for_refresh);
+}
+
 void kd_send_overview(mxml_node_t *subscription, kd_client *except)
 {
     kd_profile *p = kd_get_profile_from_item(subscription);
@@ -223,7 +238,7 @@ void schedule_overviews(kd_client *client, kd_profile *profile, const char *doma
 
 void kd_drop_queued_overviews(kd_client *client)
 {
-    queued_overview **pp = &g_queued;
+    queued_overview **pp = &g_push.queued;
     while (queued_overview *q = *pp) {
         if (q->client != client) {
             pp = &q->next;
@@ -298,23 +313,40 @@ void status_update(void *param, int)
 
 void kd_start_internet_retry(void)
 {
-    if (g_retry_timer > 0)
+    if (g_push.retry_timer > 0)
         return;
-    g_retry_wait = KD_RETRY_FIRST;
-    g_retry_timer = timeout_add(internet_retry, static_cast<uint32_t>(g_retry_wait), nullptr);
+    g_push.retry_wait = KD_RETRY_FIRST;
+    g_push.retry_timer = timeout_add(internet_retry, static_cast<uint32_t>(g_push.retry_wait), nullptr);
 }
 
 void internet_retry(void *, int)
 {
     if (!kd_internet_usable()) {
-        g_retry_wait = g_retry_wait * 2 > KD_RETRY_MAX ? KD_RETRY_MAX : g_retry_wait * 2;
-        KD_LOG(2, LOG_NOTICE, "still no internet - waiting another %d seconds", static_cast<int>(g_retry_wait));
-        g_retry_timer = timeout_add(internet_retry, static_cast<uint32_t>(g_retry_wait), nullptr);
+        g_push.retry_wait = g_push.retry_wait * 2 > KD_RETRY_MAX ? KD_RETRY_MAX : g_push.retry_wait * 2;
+        KD_LOG(2, LOG_NOTICE, "still no internet - waiting another %d seconds",
+               static_cast<int>(g_push.retry_wait));
+        g_push.retry_timer = timeout_add(internet_retry, static_cast<uint32_t>(g_push.retry_wait), nullptr);
         return;
     }
-    g_retry_timer = 0;
+    g_push.retry_timer = 0;
     KD_LOG(2, LOG_NOTICE, "the internet is back, hooray!");
     status_to_unaware(g_rssproflist);
     status_to_unaware(g_podproflist);
     kd_refresh_timers();
+}
+
+int32_t kd_internet_retry_timer(void)
+{
+    return g_push.retry_timer;
+}
+
+int32_t kd_internet_retry_wait(void)
+{
+    return g_push.retry_wait;
+}
+
+void kd_internet_retry_reset(void)
+{
+    g_push.retry_timer = 0;
+    g_push.retry_wait = 0;
 }

@@ -1,13 +1,17 @@
-// kd_notify: what the rest of the daemon may ask of the client service. The
-// configuration and the feed refresh include only this header from client/
-// (client/ calls into config/, never the other way round but through here).
-// Every push goes to the connections of a profile in the order they logged
-// in, each with its own API version.
+// kd_notify: what the modules below client/ ask of the client service. They
+// never include client/: kd_client_register hands these functions to
+// config/ and refresh/ at start-up, and they call up through them. Every
+// push goes to the connections of a profile in the order they logged in,
+// each with its own API version.
 #pragma once
 #include <mxml.h>
 
 struct kd_client;
 struct kd_profile;
+
+// Registers the functions below with config/ (kd_config_set_clients) and
+// refresh/ (kd_refresh_set_clients). Called once at start-up.
+void kd_client_register(void);
 
 // Pushes the overview of one subscription ("item" element) to every
 // connection of its profile except `except` (null: to all of them).

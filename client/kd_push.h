@@ -8,10 +8,6 @@
 struct kd_client;
 struct kd_profile;
 
-// Internet-retry timer (0 when none is pending) and its current wait in seconds.
-extern int32_t g_retry_timer;
-extern int32_t g_retry_wait;
-
 // Queues, for the next turn of the loop, one overview per subscription of
 // the profile whose feed has items, for one connection.
 void schedule_overviews(kd_client *client, kd_profile *profile, const char *domain);
@@ -29,3 +25,9 @@ void status_update(void *param, int id);
 void internet_retry(void *param, int id);
 // Starts the retry wait at 30 s unless one is pending.
 void kd_start_internet_retry(void);
+// The retry wait as it stands: its timer (0 when none is pending) and its
+// wait in seconds.
+int32_t kd_internet_retry_timer(void);
+int32_t kd_internet_retry_wait(void);
+// Forgets the retry wait, as when the timers it ran on have gone (tests).
+void kd_internet_retry_reset(void);

@@ -12,7 +12,7 @@ endfunction()
 # kelp_module(NAME LIBS dep ... EXCLUDE file ...): a static library of every
 # .cpp file in the calling directory except those in EXCLUDE. A directory
 # without sources yet still yields a (empty) static library, so that the
-# mutually dependent modules can always name each other.
+# modules above it can always name it. LIBS names only lower layers.
 function(kelp_module name)
   cmake_parse_arguments(M "" "" "LIBS;EXCLUDE" ${ARGN})
   file(GLOB srcs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)

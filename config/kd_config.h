@@ -9,6 +9,7 @@ struct rpc_conn;
 struct rpc_msg;
 struct kd_client;
 struct kd_item;
+struct kd_node;
 
 // Runtime record of one profile of a domain; a placeholder has no element.
 struct kd_profile {
@@ -45,7 +46,7 @@ mxml_node_t *kd_first_entry(mxml_node_t *pool);
 mxml_node_t *kd_next_entry(mxml_node_t *entry, mxml_node_t *pool);
 
 // --- configd session ---
-// States of the session (g_configstate, owned by config/).
+// States of the session (g_configstate, owned by config/, kd_config_state.h).
 inline constexpr int32_t KD_CONFIG_NONE = -1;       // no connection
 inline constexpr int32_t KD_CONFIG_CONNECTING = 0;
 inline constexpr int32_t KD_CONFIG_REQUESTED = 1;   // a document was asked for
@@ -72,11 +73,40 @@ void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc)
 void kd_refresh_domain_timers(mxml_node_t *root);
 void kd_refresh_timers(void);
 // The internet status as the daemon sees it, asked before polls start and
-// by the client service: dsldstat_internet_usable by default; unit tests
-// substitute their own.
-extern int (*kd_internet_usable)(void);
+// by the client service.
+int kd_internet_usable(void);
 void kd_unlink_profile(kd_client *client, kd_profile *profile);
 int kd_config_empty(void);
+
+// Seams for tests; kd_config_set_hooks(nullptr) puts the defaults back.
+struct kd_config_hooks {
+    // The device's internet status: dsldstat_internet_usable.
+    int (*internet_usable)(void);
+};
+void kd_config_set_hooks(const kd_config_hooks *hooks);
+
+// --- calls up ---
+// config/ calls the modules above it only through the functions they
+// register at start-up; until then (and after a registration with null)
+// each of these calls does nothing.
+// refresh/ (kd_refresh_register): a poll falls due (the callback of every
+// poll timer, the feed record as param), and a poll stops or its record is
+// about to be freed, so that a fetch under way never reports back.
+struct kd_config_polls {
+    void (*refresh)(void *feed, int timer);
+    void (*cancel)(const kd_node *feed);
+};
+void kd_config_set_polls(const kd_config_polls *polls);
+// client/ (kd_client_register): a merge replaced a profile's element (either
+// may be null: the profile appeared or vanished), a profile leaves a
+// connection's list (the profile's side is kd_unlink_profile's), and a
+// connection's socket descriptor for log lines.
+struct kd_config_clients {
+    void (*profile_changed)(mxml_node_t *old_profile, mxml_node_t *new_profile);
+    void (*drop_profile)(kd_client *client, kd_profile *profile);
+    int (*client_fd)(const kd_client *client);
+};
+void kd_config_set_clients(const kd_config_clients *clients);
 
 // --- read markers ---
 // Sets the bit of `index` in the subscription's "read"; 1 when it was clear.

@@ -5,4 +5,6 @@
 #include <cstdint>
 
 extern int32_t g_configstate;        // KD_CONFIG_NONE .. KD_CONFIG_CLOSING
-extern uint32_t g_receiveddomains;   // KD_RECEIVED_* bits
+// Sets the domains received (KD_RECEIVED_* bits) as if their documents had
+// arrived, or none (tests).
+void kd_config_set_received(uint32_t bits);

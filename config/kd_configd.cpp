@@ -7,23 +7,36 @@
 #include <sys/un.h>
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
+#include "config/kd_merge.h"
 #include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
 #include "platform/rpc_configd.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
-#include "refresh/kd_fetch.h"
 #include "util/kd_log.h"
 
 int32_t g_configstate = KD_CONFIG_NONE;
-uint32_t g_receiveddomains;
-static rpc_conn *g_configconn;
+
+namespace {
+
+// The session beside its state: what has arrived, and where saves go.
+struct configd_session {
+    uint32_t received;   // KD_RECEIVED_* bits, only ever ORed
+    rpc_conn *conn;      // from "established" to "closed", else null
+};
+
+configd_session g_session;
+
+} // namespace
 
 int32_t kd_config_state(void) { return g_configstate; }
-uint32_t kd_config_received(void) { return g_receiveddomains; }
+uint32_t kd_config_received(void) { return g_session.received; }
+void kd_config_set_received(uint32_t bits) { g_session.received = bits; }
 
-static const rpc_callback g_configd_callbacks[] = {
+namespace {
+
+const rpc_callback g_configd_callbacks[] = {
     {RPC_EV_CLOSED, kd_configd_closed},
     {RPC_EV_ESTABLISHED, kd_configd_established},
     {RPC_EV_ERROR, kd_configd_error},
@@ -31,6 +44,8 @@ static const rpc_callback g_configd_callbacks[] = {
     {RPC_CONFIGD_CHANGE_IND, kd_configd_change},
     {0, nullptr},
 };
+
+} // namespace
 
 rpc_conn *kd_config_init(void)
 {
@@ -54,11 +69,13 @@ void kd_configd_established(rpc_conn *conn, rpc_msg *)
     rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_RSS, KD_DOMAIN_RSS);
     rpc_send_req(conn, RPC_CONFIGD_GET_CONFIG, KD_HANDLE_PODCAST, KD_DOMAIN_PODCAST);
     g_configstate = KD_CONFIG_REQUESTED;
-    g_configconn = conn;
+    g_session.conn = conn;
 }
 
+namespace {
+
 // The session owns the tree from here on: the merge adopts it or refuses it.
-static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
+void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t bit)
 {
     mxml_node_t *tree = msg->x;
     msg->x = nullptr;
@@ -66,8 +83,10 @@ static void adopt(mxml_node_t **slot, kd_profile **list, rpc_msg *msg, uint32_t 
     // A refused tree is out of the reply and held by nobody: keeping it would leak it.
     if (*slot != tree)
         mxmlDelete(tree);
-    g_receiveddomains |= bit;
+    g_session.received |= bit;
 }
+
+} // namespace
 
 void kd_configd_data(rpc_conn *, rpc_msg *msg)
 {
@@ -106,8 +125,10 @@ void kd_configd_error(rpc_conn *conn, rpc_msg *msg)
     rpc_close(conn);
 }
 
+namespace {
+
 // Unlinks every connection of every record of a list, then frees the records.
-static void free_profiles(kd_profile **list)
+void free_profiles(kd_profile **list)
 {
     while (kd_profile *p = *list) {
         while (p->nconns > 0) {
@@ -128,7 +149,7 @@ static void free_profiles(kd_profile **list)
 }
 
 // Frees the feed records of the pool, then the document.
-static void free_domain(mxml_node_t **slot)
+void free_domain(mxml_node_t **slot)
 {
     mxml_node_t *root = *slot;
     if (!root)
@@ -139,7 +160,7 @@ static void free_domain(mxml_node_t **slot)
         // A poll left running would fire on a freed record.
         if (feed && feed->timer > 0)
             timeout_del(feed->timer);
-        kd_fetch_cancel(feed); // its answer would come for a freed record
+        kd_polls().cancel(feed); // its answer would come for a freed record
         kdn_free_feed(feed);
         mxmlSetUserData(e, nullptr);
     }
@@ -147,11 +168,13 @@ static void free_domain(mxml_node_t **slot)
     *slot = nullptr;
 }
 
+} // namespace
+
 void kd_configd_closed(rpc_conn *, rpc_msg *)
 {
     KD_LOG(3, LOG_INFO, "configd connection closed");
     g_configstate = KD_CONFIG_NONE;
-    g_configconn = nullptr;
+    g_session.conn = nullptr;
     free_profiles(&g_rssproflist);
     free_profiles(&g_podproflist);
     free_domain(&g_rssdomain);
@@ -185,5 +208,5 @@ void kd_save_config(mxml_node_t *root)
             KD_LOG(4, LOG_DEBUG, "%s", text);
         free(text);
     }
-    rpc_send_req(g_configconn, RPC_CONFIGD_SAVE_CONFIG, 0, name, root);
+    rpc_send_req(g_session.conn, RPC_CONFIGD_SAVE_CONFIG, 0, name, root);
 }

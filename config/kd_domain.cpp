@@ -13,8 +13,12 @@ mxml_node_t *g_poddomain;
 kd_profile *g_rssproflist;
 kd_profile *g_podproflist;
 
-static constexpr uint32_t KD_POLL_MIN = 30;
-static constexpr uint32_t KD_POLL_DEFAULT = 1200;
+namespace {
+
+constexpr uint32_t KD_POLL_MIN = 30;
+constexpr uint32_t KD_POLL_DEFAULT = 1200;
+
+} // namespace
 
 const char *kd_get_domainname_from_profile(const kd_profile *p)
 {
@@ -64,14 +68,18 @@ kd_profile *kd_get_profile_from_item(mxml_node_t *node)
     return nullptr;
 }
 
+namespace {
+
 // Leading decimal digits with an optional sign; no digits read as 0.
-static long leading_decimal(const char *text)
+long leading_decimal(const char *text)
 {
     long v = strtol(text, nullptr, 10);
     if (v > INT_MAX)
         return INT_MAX;
     return v < INT_MIN ? INT_MIN : v;
 }
+
+} // namespace
 
 uint32_t kd_extract_pollfreq(mxml_node_t *entry)
 {

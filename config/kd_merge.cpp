@@ -7,13 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "config/kd_merge.h"
 #include "feed/kd_node.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
-#include "refresh/kd_fetch.h"
 #include "util/kd_log.h"
 
 namespace {
@@ -200,7 +198,7 @@ void free_unreferenced(mxml_node_t *old_pool)
         if (n->timer > 0)
             timeout_del(n->timer);
         n->timer = 0;
-        kd_fetch_cancel(n);
+        kd_polls().cancel(n);
         kdn_free_feed(n);
         mxmlSetUserData(e, nullptr);
     }
@@ -216,7 +214,7 @@ void move_profiles(kd_profile *list, mxml_node_t *profiles)
         p->profile = child_with_id(profiles, "profile", attr_or_empty(prev, "id"));
         if (p->profile)
             mxmlSetUserData(p->profile, p);
-        kd_check_profupdate(prev, p->profile);
+        kd_clients().profile_changed(prev, p->profile);
     }
 }
 
@@ -262,7 +260,7 @@ void adopt_profiles(kd_profile **list, mxml_node_t *profiles)
         } else if (!p->profile) {
             p->profile = el;
             mxmlSetUserData(el, p);
-            kd_check_profupdate(nullptr, el);
+            kd_clients().profile_changed(nullptr, el);
         }
     }
 }

@@ -1,7 +1,11 @@
-// kd_merge: internals shared by the merge and the poll-timer code.
+// kd_merge: internals shared by the merge, the poll-timer code and the
+// configd session.
 #pragma once
+#include "config/kd_config.h"
 
-struct kd_node;
+// What the modules above registered (kd_config_set_polls and _clients).
+const kd_config_polls &kd_polls(void);
+const kd_config_clients &kd_clients(void);
 
 // Queues a one-shot refresh of a feed at the next turn of the loop; it is
 // dropped when the record no longer hangs off an entry by then.

@@ -1,8 +1,8 @@
 // kd_merge_timers: which feeds are polled. A feed is polled while a profile
 // subscribing it has a connected client and the internet is usable; this
 // module starts and stops the poll timers, unlinks profiles from connections
-// and decides whether the configuration is empty.
-#include "client/kd_notify.h"
+// and decides whether the configuration is empty. Polls run and stop through
+// refresh/'s registered functions (kd_polls).
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
 #include "config/kd_merge.h"
@@ -10,8 +10,6 @@
 #include "platform/dsldstat.h"
 #include "platform/slab.h"
 #include "platform/timeout.h"
-#include "refresh/kd_fetch.h"
-#include "refresh/kd_interweb.h"
 #include "util/kd_log.h"
 
 namespace {
@@ -30,7 +28,7 @@ bool feed_attached_in(mxml_node_t *root, const void *feed)
 void immediate_refresh(void *param, int id)
 {
     if (feed_attached_in(g_rssdomain, param) || feed_attached_in(g_poddomain, param))
-        kd_refresh_entry(param, id);
+        kd_polls().refresh(param, id);
 }
 
 const char *url_of(mxml_node_t *entry)
@@ -44,7 +42,7 @@ void start_poll(kd_node *n, mxml_node_t *entry)
     auto interval = kd_extract_pollfreq(entry);
     KD_LOG(3, LOG_DEBUG, "start %lds poll on: %s", static_cast<long>(interval), url_of(entry));
     kd_add_immediate_refresh(n);
-    int id = timeout_add(kd_refresh_entry, interval, n, 1);
+    int id = timeout_add(kd_polls().refresh, interval, n, 1);
     n->timer = id > 0 ? id : 0;
     n->poll = id > 0 ? static_cast<int32_t>(interval) : 0;
 }
@@ -53,7 +51,7 @@ void stop_poll(kd_node *n, mxml_node_t *entry)
 {
     KD_LOG(3, LOG_DEBUG, "stop poll on: %s", url_of(entry));
     timeout_del(n->timer);
-    kd_fetch_cancel(n); // a stopped poll takes no answer
+    kd_polls().cancel(n); // a stopped poll takes no answer
     n->timer = 0;
     n->poll = 0;
 }
@@ -75,9 +73,21 @@ bool has_items(mxml_node_t *root)
     return root && mxmlFindElement(root, root, "item", nullptr, nullptr, MXML_DESCEND) != nullptr;
 }
 
+constexpr kd_config_hooks kDefaultHooks{dsldstat_internet_usable};
+
+kd_config_hooks g_hooks = kDefaultHooks;
+
 } // namespace
 
-int (*kd_internet_usable)(void) = dsldstat_internet_usable;
+void kd_config_set_hooks(const kd_config_hooks *hooks)
+{
+    g_hooks = hooks ? *hooks : kDefaultHooks;
+}
+
+int kd_internet_usable(void)
+{
+    return g_hooks.internet_usable();
+}
 
 void kd_add_immediate_refresh(kd_node *feed)
 {
@@ -112,7 +122,7 @@ void kd_unlink_profile(kd_client *client, kd_profile *profile)
     if (!client || !profile)
         return;
     KD_LOG(4, LOG_DEBUG, "unlinking profile %u from connection on sd %d", profile->profile_id,
-           kd_client_fd(client));
+           kd_clients().client_fd(client));
     remove_first(profile->connections, &profile->nconns, client);
     // The array grows by one slot per login and never shrinks: once the last
     // connection has gone it is given back, so a burst of logins is not held.
@@ -120,13 +130,13 @@ void kd_unlink_profile(kd_client *client, kd_profile *profile)
         kd_free(profile->connections);
         profile->connections = nullptr;
     }
-    kd_client_drop_profile(client, profile);
+    kd_clients().drop_profile(client, profile);
     kd_refresh_timers();
 }
 
 int kd_config_empty(void)
 {
-    if (g_configstate != KD_CONFIG_RECEIVED || g_receiveddomains != KD_RECEIVED_BOTH)
+    if (g_configstate != KD_CONFIG_RECEIVED || kd_config_received() != KD_RECEIVED_BOTH)
         return 0;
     if (has_items(g_rssdomain) || has_items(g_poddomain))
         return 0;

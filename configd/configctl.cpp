@@ -16,7 +16,9 @@
 #include "platform/rpc.h"
 #include "util/kd_mxml.h"
 
-static int cmd_get(const char *domain)
+namespace {
+
+int cmd_get(const char *domain)
 {
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
@@ -33,6 +35,8 @@ static int cmd_get(const char *domain)
     }
     return 0;
 }
+
+} // namespace
 
 bool ctl_read_input(const char *file, size_t limit, std::string *text, std::string *why)
 {
@@ -59,7 +63,9 @@ bool ctl_read_input(const char *file, size_t limit, std::string *text, std::stri
     return why->empty();
 }
 
-static int cmd_set(const char *domain, const char *file)
+namespace {
+
+int cmd_set(const char *domain, const char *file)
 {
     if (!cfg_valid_domain(domain))
         return ctl_fail("invalid domain name '%s' (allowed: 1 to 32 of a-z 0-9 _ -)", domain);
@@ -76,14 +82,14 @@ static int cmd_set(const char *domain, const char *file)
     return 0;
 }
 
-static int get_main(int argc, char **argv)
+int get_main(int argc, char **argv)
 {
     static const char *const words[] = {"DOMAIN", nullptr};
     int bad = ctl_check_words("get", argc, argv, words, false);
     return bad ? bad : cmd_get(argv[0]);
 }
 
-static int set_main(int argc, char **argv)
+int set_main(int argc, char **argv)
 {
     static const char *const words[] = {"DOMAIN", "FILE", nullptr};
     int bad = ctl_check_words("set", argc, argv, words, false);
@@ -97,7 +103,7 @@ struct command {
     int (*run)(int argc, char **argv);
 };
 
-static const command g_commands[] = {
+const command g_commands[] = {
     {"get", nullptr, "DOMAIN", "print the domain's document", get_main},
     {"set", nullptr, "DOMAIN FILE|-", "validate and store a document", set_main},
     {"feeds", nullptr, "DOMAIN", "list the feeds and their subscribers", ctl_feeds},
@@ -113,13 +119,15 @@ static const command g_commands[] = {
     {"opml", "import", "DOMAIN FILE [--profile P]", "add the feeds of an OPML file", ctl_opml_import},
 };
 
-static const char g_usage_line[] = "usage: configctl [--timeout SECONDS] COMMAND ...";
+const char g_usage_line[] = "usage: configctl [--timeout SECONDS] COMMAND ...";
 
 // "feed add DOMAIN URL ...": a command's words and its arguments.
-static std::string synopsis(const command &c)
+std::string synopsis(const command &c)
 {
     return std::string(c.word) + (c.sub ? std::string(" ") + c.sub : "") + " " + c.args;
 }
+
+} // namespace
 
 int ctl_usage()
 {
@@ -179,9 +187,11 @@ int ctl_check_words(const char *cmd, size_t n, const char *const *words, const c
     return 0;
 }
 
+namespace {
+
 // "--timeout S" or "--timeout=S" before the command; 0, or the exit status
 // after the value was refused.
-static int take_timeout(int *i, int argc, char **argv)
+int take_timeout(int *i, int argc, char **argv)
 {
     const char *a = argv[*i];
     if (strncmp(a, "--timeout=", 10) && *i + 1 >= argc)
@@ -198,7 +208,7 @@ static int take_timeout(int *i, int argc, char **argv)
 }
 
 // The command the words at argv[i] name, or null after saying why none.
-static const command *find_command(int i, int argc, char **argv)
+const command *find_command(int i, int argc, char **argv)
 {
     if (i >= argc) {
         refuse_command_line("no command given");
@@ -220,6 +230,8 @@ static const command *find_command(int i, int argc, char **argv)
         ctl_misuse(argv[i], "unknown command '%s' (%s)", argv[i + 1], subs.c_str());
     return nullptr;
 }
+
+} // namespace
 
 int main(int argc, char **argv)
 {

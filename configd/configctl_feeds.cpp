@@ -52,9 +52,11 @@ std::vector<const char *> ctl_opts(const ctl_args &a, const char *name)
     return v;
 }
 
+namespace {
+
 // Whether a terminal shows a code point in two columns (CJK, Hangul,
 // full-width forms, emoji).
-static bool wide(unsigned cp)
+bool wide(unsigned cp)
 {
     static const unsigned ranges[][2] = {{0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3}, {0xf900, 0xfaff},
                                          {0xfe30, 0xfe4f}, {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
@@ -66,7 +68,7 @@ static bool wide(unsigned cp)
 }
 
 // Columns a terminal uses for UTF-8 text.
-static size_t width(const std::string &s)
+size_t width(const std::string &s)
 {
     size_t n = 0;
     for (size_t i = 0; i < s.size();) {
@@ -81,7 +83,7 @@ static size_t width(const std::string &s)
     return n;
 }
 
-static void print_table(const std::vector<std::vector<std::string>> &rows)
+void print_table(const std::vector<std::vector<std::string>> &rows)
 {
     std::vector<size_t> w(rows[0].size(), 0);
     for (const auto &r : rows)
@@ -95,11 +97,13 @@ static void print_table(const std::vector<std::vector<std::string>> &rows)
     }
 }
 
-static std::string attr(mxml_node_t *n, const char *name, const char *dflt = "")
+std::string attr(mxml_node_t *n, const char *name, const char *dflt = "")
 {
     const char *v = mxmlElementGetAttr(n, name);
     return v ? v : dflt;
 }
+
+} // namespace
 
 int ctl_feeds(int argc, char **argv)
 {
@@ -179,8 +183,10 @@ int ctl_feed_set(int argc, char **argv)
     });
 }
 
+namespace {
+
 // subscribe and unsubscribe: every feed id must name a feed of the pool.
-static int change_subscriptions(const char *what, int argc, char **argv, bool subscribe)
+int change_subscriptions(const char *what, int argc, char **argv, bool subscribe)
 {
     static const char *const words[] = {"DOMAIN", "PROFILE", "ID", nullptr};
     if (int bad = ctl_check_words(what, argc, argv, words, true))
@@ -192,6 +198,8 @@ static int change_subscriptions(const char *what, int argc, char **argv, bool su
     });
 }
 
+} // namespace
+
 int ctl_subscribe(int argc, char **argv)
 {
     return change_subscriptions("subscribe", argc, argv, true);
@@ -202,7 +210,11 @@ int ctl_unsubscribe(int argc, char **argv)
     return change_subscriptions("unsubscribe", argc, argv, false);
 }
 
-static const char *const g_profile_words[] = {"DOMAIN", "ID", nullptr};
+namespace {
+
+const char *const g_profile_words[] = {"DOMAIN", "ID", nullptr};
+
+} // namespace
 
 int ctl_profile_add(int argc, char **argv)
 {

@@ -10,9 +10,14 @@
 #include "configd/store.h"
 
 // The largest OPML file configctl reads.
-static constexpr size_t OPML_MAX_BYTES = 8 << 20;
+
+namespace {
+
+constexpr size_t OPML_MAX_BYTES = 8 << 20;
 // The one option of both commands.
-static const char *const g_profile_option[] = {"profile", nullptr};
+const char *const g_profile_option[] = {"profile", nullptr};
+
+} // namespace
 
 int ctl_opml_export(int argc, char **argv)
 {

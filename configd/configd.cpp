@@ -24,6 +24,8 @@
 #include "platform/timeout.h"
 #include "util/kd_mxml.h"
 
+namespace {
+
 // One client connection and the domains it subscribed to, as one
 // "|name|name|" text.
 struct client_rec {
@@ -31,19 +33,19 @@ struct client_rec {
     std::string domains;
 };
 
-static std::string g_statedir = KD_CONFIGD_STATEDIR;
-static volatile sig_atomic_t g_stop;
-static std::vector<client_rec> g_clients;
-static rpc_ifaceinfo g_iface = {"configd", 1, nullptr};
+std::string g_statedir = KD_CONFIGD_STATEDIR;
+volatile sig_atomic_t g_stop;
+std::vector<client_rec> g_clients;
+rpc_ifaceinfo g_iface = {"configd", 1, nullptr};
 
-static void on_signal(int)
+void on_signal(int)
 {
     g_stop = 1;
 }
 
 // The record of a connection; made here should a request come before the
 // established event.
-static client_rec &client_of(rpc_conn *c)
+client_rec &client_of(rpc_conn *c)
 {
     for (client_rec &r : g_clients)
         if (r.conn == c)
@@ -51,24 +53,24 @@ static client_rec &client_of(rpc_conn *c)
     return g_clients.emplace_back(client_rec{c, ""});
 }
 
-static void on_established(rpc_conn *c, rpc_msg *)
+void on_established(rpc_conn *c, rpc_msg *)
 {
     client_of(c);
     syslog(LOG_DEBUG, "client connected");
 }
 
-static void on_closed(rpc_conn *c, rpc_msg *)
+void on_closed(rpc_conn *c, rpc_msg *)
 {
     std::erase_if(g_clients, [c](const client_rec &r) { return r.conn == c; });
     syslog(LOG_DEBUG, "client disconnected");
 }
 
-static void on_error(rpc_conn *, rpc_msg *m)
+void on_error(rpc_conn *, rpc_msg *m)
 {
     syslog(LOG_WARNING, "dropping client after RPC error %d", m->code);
 }
 
-static void on_subscribe(rpc_conn *c, rpc_msg *m)
+void on_subscribe(rpc_conn *c, rpc_msg *m)
 {
     client_rec &s = client_of(c);
     for (uint32_t i = 0; i < m->nlist; i++) {
@@ -82,7 +84,7 @@ static void on_subscribe(rpc_conn *c, rpc_msg *m)
 }
 
 // The document of a domain, or null after an error reply to the request.
-static mxml_node_t *load_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
+mxml_node_t *load_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
 {
     if (!cfg_valid_domain(domain)) {
         rpc_send_error(c, m->id, m->tag, "invalid domain name");
@@ -97,14 +99,14 @@ static mxml_node_t *load_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
     return doc;
 }
 
-static void on_get(rpc_conn *c, rpc_msg *m)
+void on_get(rpc_conn *c, rpc_msg *m)
 {
     kd_mxml_tree doc(load_or_refuse(c, m, m->s));
     if (doc && rpc_send_reply(c, m->id, m->tag, doc.get()) < 0)
         rpc_send_error(c, m->id, m->tag, "document too large to send");
 }
 
-static void on_get_generation(rpc_conn *c, rpc_msg *m)
+void on_get_generation(rpc_conn *c, rpc_msg *m)
 {
     kd_mxml_tree doc(load_or_refuse(c, m, m->s));
     if (!doc)
@@ -114,7 +116,7 @@ static void on_get_generation(rpc_conn *c, rpc_msg *m)
         rpc_send_error(c, m->id, m->tag, "document too large to send");
 }
 
-static void indicate_change(rpc_conn *saver, const char *domain)
+void indicate_change(rpc_conn *saver, const char *domain)
 {
     std::string key = std::string("|") + domain + "|";
     for (const client_rec &r : g_clients)
@@ -123,7 +125,7 @@ static void indicate_change(rpc_conn *saver, const char *domain)
 }
 
 // Checks and stores a document; false after an error reply.
-static bool store_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
+bool store_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
 {
     std::string why = cfg_check_document(m->x);
     if (!why.empty()) {
@@ -143,7 +145,7 @@ static bool store_or_refuse(rpc_conn *c, rpc_msg *m, const char *domain)
     return true;
 }
 
-static void on_save(rpc_conn *c, rpc_msg *m)
+void on_save(rpc_conn *c, rpc_msg *m)
 {
     if (!cfg_valid_domain(m->s)) {
         rpc_send_error(c, m->id, m->tag, "invalid domain name");
@@ -154,7 +156,7 @@ static void on_save(rpc_conn *c, rpc_msg *m)
 
 // "DOMAIN GENERATION": the save goes through only while the stored document
 // is still the one the client read, so concurrent editors lose no update.
-static void on_save_if(rpc_conn *c, rpc_msg *m)
+void on_save_if(rpc_conn *c, rpc_msg *m)
 {
     std::string arg = m->s;
     size_t sp = arg.find(' ');
@@ -175,7 +177,7 @@ static void on_save_if(rpc_conn *c, rpc_msg *m)
         rpc_send_reply(c, m->id, m->tag, cfg_generation_of(m->x).c_str());
 }
 
-static const rpc_callback g_callbacks[] = {
+const rpc_callback g_callbacks[] = {
     {RPC_EV_CLOSED, on_closed},
     {RPC_EV_ESTABLISHED, on_established},
     {RPC_EV_ERROR, on_error},
@@ -189,7 +191,7 @@ static const rpc_callback g_callbacks[] = {
 
 // mkdir -p for the socket and state directories; false with the directory
 // that could not be made in *failed (errno tells why).
-static bool make_dirs(const std::string &path, std::string *failed)
+bool make_dirs(const std::string &path, std::string *failed)
 {
     for (size_t i = 1; i <= path.size(); i++) {
         if (i < path.size() && path[i] != '/')
@@ -205,7 +207,7 @@ static bool make_dirs(const std::string &path, std::string *failed)
 
 // Signals are blocked except while csock_select() waits, so that a handler
 // never interrupts a callback.
-static void setup_signals()
+void setup_signals()
 {
     struct sigaction sa {};
     sa.sa_handler = on_signal;
@@ -223,11 +225,11 @@ static void setup_signals()
     sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
-static const char g_usage[] = "usage: configd [--state-dir DIR]\n";
+const char g_usage[] = "usage: configd [--state-dir DIR]\n";
 
 // A command line configd cannot take: one line naming what is wrong, then
 // for a misused argument (not for a bad value) the usage line.
-static int refuse_args(const std::string &what, bool misuse)
+int refuse_args(const std::string &what, bool misuse)
 {
     fprintf(stderr, "configd: %s\n", what.c_str());
     if (misuse)
@@ -236,7 +238,7 @@ static int refuse_args(const std::string &what, bool misuse)
 }
 
 // -1 to go on serving, else the exit status.
-static int parse_args(int argc, char **argv)
+int parse_args(int argc, char **argv)
 {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
@@ -256,7 +258,7 @@ static int parse_args(int argc, char **argv)
     return g_statedir.empty() ? refuse_args("--state-dir: the directory name is empty", false) : -1;
 }
 
-static int serve()
+int serve()
 {
     std::string sockpath = KD_CONFIGD_SOCKET;
     std::string sockdir = sockpath.substr(0, sockpath.rfind('/'));
@@ -282,6 +284,8 @@ static int serve()
             break;
     return 0;
 }
+
+} // namespace
 
 int main(int argc, char **argv)
 {

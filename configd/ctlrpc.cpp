@@ -23,8 +23,12 @@
 
 int g_ctl_timeout = 10;
 
+namespace {
+
 // Attempts of one read-modify-write before giving up on a busy domain.
-static constexpr int UPDATE_ATTEMPTS = 10;
+constexpr int UPDATE_ATTEMPTS = 10;
+
+} // namespace
 
 int ctl_fail(const char *fmt, ...)
 {
@@ -37,7 +41,9 @@ int ctl_fail(const char *fmt, ...)
     return 1;
 }
 
-static kd_unique_fd connect_configd(std::string *why)
+namespace {
+
+kd_unique_fd connect_configd(std::string *why)
 {
     sockaddr_un addr;
     kd_unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -53,7 +59,7 @@ static kd_unique_fd connect_configd(std::string *why)
     return fd;
 }
 
-static bool send_frame(int fd, uint32_t id, uint32_t tag, ...)
+bool send_frame(int fd, uint32_t id, uint32_t tag, ...)
 {
     rpc_buf b{};
     va_list ap;
@@ -73,7 +79,7 @@ static bool send_frame(int fd, uint32_t id, uint32_t tag, ...)
 }
 
 // More bytes from configd; false with the reason when none will come.
-static bool read_more(int fd, rpc_buf *in, std::string *why)
+bool read_more(int fd, rpc_buf *in, std::string *why)
 {
     char buf[65536];
     for (;;) {
@@ -93,7 +99,7 @@ static bool read_more(int fd, rpc_buf *in, std::string *why)
 
 // Reads frames until the first reply or error reply arrives; indications
 // are skipped. False with the reason in *why otherwise.
-static bool await_reply(int fd, rpc_msg *m, std::string *why)
+bool await_reply(int fd, rpc_msg *m, std::string *why)
 {
     rpc_buf in{};
     bool got = false;
@@ -118,7 +124,7 @@ static bool await_reply(int fd, rpc_msg *m, std::string *why)
 
 // Sends one request and waits for its answer; an error reply's reason
 // lands in *why.
-static bool exchange(int fd, rpc_msg *m, std::string *why, uint32_t id, const char *s, mxml_node_t *x)
+bool exchange(int fd, rpc_msg *m, std::string *why, uint32_t id, const char *s, mxml_node_t *x)
 {
     bool sent = x ? send_frame(fd, id, 1, s, x) : send_frame(fd, id, 1, s);
     if (!sent) {
@@ -133,7 +139,7 @@ static bool exchange(int fd, rpc_msg *m, std::string *why, uint32_t id, const ch
 }
 
 // The tree leaves the message for the caller's owner.
-static mxml_node_t *fetch_on(int fd, const char *domain, std::string *gen, std::string *why)
+mxml_node_t *fetch_on(int fd, const char *domain, std::string *gen, std::string *why)
 {
     rpc_msg m{};
     mxml_node_t *doc = nullptr;
@@ -145,6 +151,8 @@ static mxml_node_t *fetch_on(int fd, const char *domain, std::string *gen, std::
     rpcw_msg_clear(&m);
     return doc;
 }
+
+} // namespace
 
 mxml_node_t *ctl_fetch(const char *domain, std::string *generation, std::string *why)
 {
@@ -170,9 +178,11 @@ bool ctl_store(const char *domain, mxml_node_t *doc, std::string *why)
     return why->empty();
 }
 
+namespace {
+
 // A short pause of random length, so that two editors who keep colliding
 // fall out of step.
-static void back_off(int attempt)
+void back_off(int attempt)
 {
     timespec ts{0, long(1 + rand() % (5 * (attempt + 1))) * 1000000L};
     nanosleep(&ts, nullptr);
@@ -180,7 +190,7 @@ static void back_off(int attempt)
 
 // One attempt: 1 stored, 0 conflict (try again), -1 refused by the edit,
 // -2 failed.
-static int update_once(int fd, const char *domain, const ctl_edit &edit, std::string *out, std::string *why)
+int update_once(int fd, const char *domain, const ctl_edit &edit, std::string *out, std::string *why)
 {
     std::string gen;
     kd_mxml_tree doc(fetch_on(fd, domain, &gen, why));
@@ -199,6 +209,8 @@ static int update_once(int fd, const char *domain, const ctl_edit &edit, std::st
         return 1;
     return why->rfind(CFG_CONFLICT, 0) == 0 ? 0 : -2;
 }
+
+} // namespace
 
 ctl_result ctl_apply(const char *domain, const ctl_edit &edit, std::string *out, std::string *why)
 {

@@ -7,17 +7,21 @@
 #include <string_view>
 #include "util/kd_utf8.h"
 
-static bool is_element(mxml_node_t *n, const char *name)
+namespace {
+
+bool is_element(mxml_node_t *n, const char *name)
 {
     const char *el = mxmlGetType(n) == MXML_ELEMENT ? mxmlGetElement(n) : nullptr;
     return el && !strcmp(el, name);
 }
 
-static bool is_blank(mxml_node_t *n)
+bool is_blank(mxml_node_t *n)
 {
     const char *t = n && mxmlGetType(n) == MXML_OPAQUE ? mxmlGetOpaque(n) : nullptr;
     return t && strspn(t, " \t\r\n") == strlen(t);
 }
+
+} // namespace
 
 std::vector<mxml_node_t *> doc_children(mxml_node_t *parent, const char *name)
 {
@@ -36,11 +40,15 @@ mxml_node_t *doc_child(mxml_node_t *parent, const char *name)
     return nullptr;
 }
 
-static bool attr_is(mxml_node_t *n, const char *attr, const char *value)
+namespace {
+
+bool attr_is(mxml_node_t *n, const char *attr, const char *value)
 {
     const char *v = mxmlElementGetAttr(n, attr);
     return v && !strcmp(v, value);
 }
+
+} // namespace
 
 mxml_node_t *doc_entry(mxml_node_t *root, const char *id)
 {
@@ -58,14 +66,18 @@ mxml_node_t *doc_entry_by_url(mxml_node_t *root, const char *url)
     return nullptr;
 }
 
+namespace {
+
 // A profile id as the daemon reads it (base 10), or -1 when it is none.
-static long long profile_number(const char *id)
+long long profile_number(const char *id)
 {
     if (!id || !*id || strspn(id, "0123456789") != strlen(id) || strlen(id) > 10)
         return -1;
     long long v = strtoll(id, nullptr, 10);
     return v > 0xffffffffLL ? -1 : v;
 }
+
+} // namespace
 
 mxml_node_t *doc_profile(mxml_node_t *root, const char *id)
 {
@@ -87,13 +99,17 @@ std::vector<mxml_node_t *> doc_items(mxml_node_t *profile)
     return out;
 }
 
-static bool subscribes(mxml_node_t *profile, const char *id)
+namespace {
+
+bool subscribes(mxml_node_t *profile, const char *id)
 {
     for (mxml_node_t *it : doc_items(profile))
         if (attr_is(it, "entry", id))
             return true;
     return false;
 }
+
+} // namespace
 
 std::vector<std::string> doc_subscribers(mxml_node_t *root, const char *id)
 {
@@ -116,16 +132,20 @@ std::string doc_next_id(mxml_node_t *root)
     return std::to_string(top + 1);
 }
 
-static void add_after(mxml_node_t *parent, mxml_node_t *where, mxml_node_t *node)
+namespace {
+
+void add_after(mxml_node_t *parent, mxml_node_t *where, mxml_node_t *node)
 {
     mxmlAdd(parent, MXML_ADD_AFTER, where ? where : MXML_ADD_TO_PARENT, node);
 }
 
-static void add_blank_after(mxml_node_t *parent, mxml_node_t *where, const std::string &text)
+void add_blank_after(mxml_node_t *parent, mxml_node_t *where, const std::string &text)
 {
     if (!text.empty())
         add_after(parent, where, mxmlNewOpaque(MXML_NO_PARENT, text.c_str()));
 }
+
+} // namespace
 
 mxml_node_t *doc_append(mxml_node_t *parent, const char *name)
 {

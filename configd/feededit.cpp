@@ -3,11 +3,15 @@
 #include "configd/feededit.h"
 #include "configd/docedit.h"
 
-static std::string attr(mxml_node_t *n, const char *name)
+namespace {
+
+std::string attr(mxml_node_t *n, const char *name)
 {
     const char *v = mxmlElementGetAttr(n, name);
     return v ? v : "";
 }
+
+} // namespace
 
 std::string fe_check_feed(const char *url, const char *name, const char *poll)
 {
@@ -19,7 +23,9 @@ std::string fe_check_feed(const char *url, const char *name, const char *poll)
     return why;
 }
 
-static bool profiles_exist(mxml_node_t *doc, const std::vector<const char *> &ids, std::string *why)
+namespace {
+
+bool profiles_exist(mxml_node_t *doc, const std::vector<const char *> &ids, std::string *why)
 {
     for (const char *p : ids)
         if (!doc_profile(doc, p)) {
@@ -29,13 +35,15 @@ static bool profiles_exist(mxml_node_t *doc, const std::vector<const char *> &id
     return true;
 }
 
-static bool url_free(mxml_node_t *doc, const char *url, mxml_node_t *self, std::string *why)
+bool url_free(mxml_node_t *doc, const char *url, mxml_node_t *self, std::string *why)
 {
     mxml_node_t *e = doc_entry_by_url(doc, url);
     if (e && e != self)
         *why = "feed " + attr(e, "id") + " has that URL already";
     return !e || e == self;
 }
+
+} // namespace
 
 mxml_node_t *fe_find_feed(mxml_node_t *doc, const char *id, std::string *why)
 {

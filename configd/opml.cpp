@@ -10,12 +10,14 @@
 #include "configd/store.h"
 #include "util/kd_mxml.h"
 
+namespace {
+
 // What the profile categories and feeds carry beyond OPML's own attributes,
 // so that an export imports back as it was.
-static constexpr const char ATTR_PROFILE[] = "kelpProfile";
-static constexpr const char ATTR_POLL[] = "kelpPoll";
+constexpr const char ATTR_PROFILE[] = "kelpProfile";
+constexpr const char ATTR_POLL[] = "kelpPoll";
 
-static std::string escape(std::string_view s)
+std::string escape(std::string_view s)
 {
     std::string out;
     for (char c : s) {
@@ -35,13 +37,13 @@ static std::string escape(std::string_view s)
     return out;
 }
 
-static std::string attr(mxml_node_t *n, const char *name)
+std::string attr(mxml_node_t *n, const char *name)
 {
     const char *v = mxmlElementGetAttr(n, name);
     return v ? v : "";
 }
 
-static std::string feed_outline(mxml_node_t *entry, const std::string &indent)
+std::string feed_outline(mxml_node_t *entry, const std::string &indent)
 {
     std::string name = escape(attr(entry, "name"));
     std::string out = indent + "<outline type=\"rss\" text=\"" + name + "\" title=\"" + name + "\" xmlUrl=\"" +
@@ -52,7 +54,7 @@ static std::string feed_outline(mxml_node_t *entry, const std::string &indent)
 }
 
 // The feeds a profile subscribes, in the order of its items.
-static std::vector<mxml_node_t *> profile_feeds(mxml_node_t *doc, mxml_node_t *profile)
+std::vector<mxml_node_t *> profile_feeds(mxml_node_t *doc, mxml_node_t *profile)
 {
     std::vector<mxml_node_t *> out;
     for (mxml_node_t *it : doc_items(profile)) {
@@ -64,7 +66,7 @@ static std::vector<mxml_node_t *> profile_feeds(mxml_node_t *doc, mxml_node_t *p
     return out;
 }
 
-static std::string profile_category(mxml_node_t *doc, mxml_node_t *profile)
+std::string profile_category(mxml_node_t *doc, mxml_node_t *profile)
 {
     std::string id = escape(attr(profile, "id"));
     std::string out = "    <outline text=\"Profile " + id + "\" title=\"Profile " + id + "\" " + ATTR_PROFILE + "=\"" +
@@ -75,7 +77,7 @@ static std::string profile_category(mxml_node_t *doc, mxml_node_t *profile)
 }
 
 // Every profile as a category, then the feeds no profile subscribes.
-static std::string all_outlines(mxml_node_t *doc)
+std::string all_outlines(mxml_node_t *doc)
 {
     std::string out;
     for (mxml_node_t *p : doc_children(doc_child(doc, "profiles"), "profile"))
@@ -87,6 +89,8 @@ static std::string all_outlines(mxml_node_t *doc)
     }
     return out;
 }
+
+} // namespace
 
 std::string opml_export(mxml_node_t *doc, const char *domain, mxml_node_t *profile)
 {
@@ -101,9 +105,11 @@ std::string opml_export(mxml_node_t *doc, const char *domain, mxml_node_t *profi
            "</title>\n  </head>\n  <body>\n" + body + "  </body>\n</opml>\n";
 }
 
+namespace {
+
 // Where a comment, CDATA section, processing instruction or declaration
 // starting at i ends; 0 when none starts there.
-static size_t markup_end(std::string_view t, size_t i)
+size_t markup_end(std::string_view t, size_t i)
 {
     static const std::pair<std::string_view, std::string_view> kinds[] = {
         {"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}, {"<!", ">"}};
@@ -117,7 +123,7 @@ static size_t markup_end(std::string_view t, size_t i)
 }
 
 // The '>' that ends the tag starting at i (quoted '>' skipped), or the end.
-static size_t tag_end(std::string_view t, size_t i)
+size_t tag_end(std::string_view t, size_t i)
 {
     char quote = 0;
     for (i++; i < t.size() && (quote || t[i] != '>'); i++)
@@ -129,7 +135,7 @@ static size_t tag_end(std::string_view t, size_t i)
 // hostile file is refused before the parser holds it. Mini-XML does the
 // real checking afterwards; it expands no declared entity, but a file
 // declaring any is refused outright.
-static std::string size_up(std::string_view t)
+std::string size_up(std::string_view t)
 {
     if (t.find("<!ENTITY") != std::string_view::npos)
         return "entity declarations are not accepted";
@@ -156,7 +162,7 @@ static std::string size_up(std::string_view t)
 
 // Titles in the wild carry line breaks and tabs: each run of white space
 // becomes one space.
-static std::string tidy_title(const std::string &s)
+std::string tidy_title(const std::string &s)
 {
     std::string out;
     bool space = false;
@@ -171,7 +177,7 @@ static std::string tidy_title(const std::string &s)
     return out;
 }
 
-static bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, opml_list *out, std::string *why)
+bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, opml_list *out, std::string *why)
 {
     opml_feed f{attr(o, "xmlUrl"), tidy_title(attr(o, "title")), attr(o, ATTR_POLL), profile};
     if (f.name.empty())
@@ -193,7 +199,7 @@ static bool take_feed(mxml_node_t *o, const std::string &profile, size_t number,
 
 // Every feed outline below `parent` in document order; categories are
 // flattened, and a profile category passes its profile on.
-static bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size_t *number, opml_list *out,
+bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size_t *number, opml_list *out,
                     std::string *why)
 {
     if (depth > OPML_MAX_DEPTH) {
@@ -220,6 +226,8 @@ static bool collect(mxml_node_t *parent, const std::string &profile, size_t dept
     return true;
 }
 
+} // namespace
+
 bool opml_read(const std::string &text, opml_list *feeds, std::string *why)
 {
     *why = size_up(text);
@@ -239,6 +247,8 @@ bool opml_read(const std::string &text, opml_list *feeds, std::string *why)
     return collect(body, "", 0, &number, feeds, why);
 }
 
+namespace {
+
 // What one import did so far.
 struct import_tally {
     std::vector<mxml_node_t *> added, seen;
@@ -246,7 +256,7 @@ struct import_tally {
     std::string out;
 };
 
-static mxml_node_t *find_or_add_profile(mxml_node_t *doc, const std::string &id, import_tally *t)
+mxml_node_t *find_or_add_profile(mxml_node_t *doc, const std::string &id, import_tally *t)
 {
     mxml_node_t *p = doc_profile(doc, id.c_str());
     if (!p) {
@@ -257,7 +267,7 @@ static mxml_node_t *find_or_add_profile(mxml_node_t *doc, const std::string &id,
 }
 
 // Adds one feed (or finds it by URL) and subscribes its profile.
-static void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profile, import_tally *t)
+void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profile, import_tally *t)
 {
     mxml_node_t *e = doc_entry_by_url(doc, f.url.c_str());
     if (!e) {
@@ -274,6 +284,8 @@ static void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profil
     if (!pid.empty())
         doc_subscribe(find_or_add_profile(doc, pid, t), attr(e, "id").c_str());
 }
+
+} // namespace
 
 bool opml_import(mxml_node_t *doc, const opml_list &list, const char *profile, std::string *report,
                  std::string *why)

@@ -45,12 +45,16 @@ std::string cfg_check_document(mxml_node_t *root)
     return "";
 }
 
+namespace {
+
 // Mini-XML reports through one global callback; the last message is kept.
-static std::string g_lasterror;
-static void keep_error(const char *msg)
+std::string g_lasterror;
+void keep_error(const char *msg)
 {
     g_lasterror = msg;
 }
+
+} // namespace
 
 mxml_node_t *cfg_parse(const char *text, std::string *why)
 {
@@ -62,27 +66,31 @@ mxml_node_t *cfg_parse(const char *text, std::string *why)
     return root;
 }
 
-static std::string path_of(const std::string &dir, const char *domain)
+namespace {
+
+std::string path_of(const std::string &dir, const char *domain)
 {
     return dir + "/" + domain + ".xml";
 }
 
-static const char kTempSuffix[] = ".xml.tmp";
+const char kTempSuffix[] = ".xml.tmp";
 
 // Where a domain's next document is written before it replaces the stored one.
-static std::string temp_of(const std::string &dir, const char *domain)
+std::string temp_of(const std::string &dir, const char *domain)
 {
     return dir + "/." + domain + kTempSuffix;
 }
 
 // ".<domain>.xml.tmp": only a name that temp_of could have made.
-static bool is_temp_name(std::string_view name)
+bool is_temp_name(std::string_view name)
 {
     size_t n = sizeof kTempSuffix - 1;
     if (name.size() <= n + 1 || name[0] != '.' || name.substr(name.size() - n) != kTempSuffix)
         return false;
     return cfg_valid_domain(std::string(name.substr(1, name.size() - n - 1)).c_str());
 }
+
+} // namespace
 
 std::vector<std::string> cfg_remove_leftovers(const std::string &dir)
 {
@@ -96,7 +104,9 @@ std::vector<std::string> cfg_remove_leftovers(const std::string &dir)
     return gone;
 }
 
-static mxml_node_t *empty_document()
+namespace {
+
+mxml_node_t *empty_document()
 {
     mxml_node_t *root = mxmlNewXML("1.0");
     mxmlNewElement(root, "pool");
@@ -104,7 +114,7 @@ static mxml_node_t *empty_document()
     return root;
 }
 
-static bool read_file(const std::string &path, std::string *text, int *err)
+bool read_file(const std::string &path, std::string *text, int *err)
 {
     kd_unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) {
@@ -118,6 +128,8 @@ static bool read_file(const std::string &path, std::string *text, int *err)
     *err = n < 0 ? errno : 0;
     return n == 0;
 }
+
+} // namespace
 
 mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *why)
 {
@@ -135,7 +147,9 @@ mxml_node_t *cfg_load(const std::string &dir, const char *domain, std::string *w
     return root;
 }
 
-static bool fsync_dir(const std::string &dir)
+namespace {
+
+bool fsync_dir(const std::string &dir)
 {
     kd_unique_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd && fsync(fd.get()) == 0;
@@ -145,7 +159,7 @@ static bool fsync_dir(const std::string &dir)
 // failing close (a delayed write error) still counts. The file is made anew:
 // whatever stood at its name (a symbolic link planted there) is never written
 // through.
-static bool write_durably(const std::string &path, const char *text, int *err)
+bool write_durably(const std::string &path, const char *text, int *err)
 {
     unlink(path.c_str());
     kd_unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -157,6 +171,8 @@ static bool write_durably(const std::string &path, const char *text, int *err)
     }
     return ok;
 }
+
+} // namespace
 
 bool cfg_store(const std::string &dir, const char *domain, mxml_node_t *root, std::string *why)
 {

@@ -22,10 +22,15 @@ const char *cmd = KD_PROGRAM_NAME;
 
 namespace {
 
-// A served signal arrived and its line is not written yet.
-volatile sig_atomic_t g_term_seen;
-volatile sig_atomic_t g_hup_seen;
-volatile sig_atomic_t g_usr2_seen;
+// The served signals that arrived and whose line is not written yet: set by
+// the handler, cleared by kd_log_received_signals.
+struct signals_seen {
+    volatile sig_atomic_t term;
+    volatile sig_atomic_t hup;
+    volatile sig_atomic_t usr2;
+};
+
+signals_seen g_seen;
 
 } // namespace
 
@@ -46,15 +51,15 @@ void signal_handler(int32_t sig)
     switch (sig) {
     case SIGTERM:
         g_terminate = 1;
-        g_term_seen = 1;
+        g_seen.term = 1;
         break;
     case SIGHUP:
         g_hangup = sig;
-        g_hup_seen = 1;
+        g_seen.hup = 1;
         break;
     case SIGUSR2:
         g_dump = 1;
-        g_usr2_seen = 1;
+        g_seen.usr2 = 1;
         break;
     default:
         break;
@@ -75,9 +80,9 @@ void log_once(volatile sig_atomic_t &seen, const char *line)
 
 void kd_log_received_signals(void)
 {
-    log_once(g_term_seen, "received terminate signal");
-    log_once(g_hup_seen, "received hangup signal");
-    log_once(g_usr2_seen, "received user2 signal");
+    log_once(g_seen.term, "received terminate signal");
+    log_once(g_seen.hup, "received hangup signal");
+    log_once(g_seen.usr2, "received user2 signal");
 }
 
 namespace {

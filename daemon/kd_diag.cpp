@@ -4,7 +4,6 @@
 
 #include "client/kd_client.h"
 #include "config/kd_config.h"
-#include "daemon/kd_daemon.h"
 #include "feed/kd_node.h"
 #include "platform/kd_paths.h"
 #include "platform/slab.h"
@@ -193,5 +192,4 @@ void kd_status_dump(kd_client *clients)
     syslog(LOG_DEBUG, "Podcast structure:");
     kd_trace_xml(1, g_poddomain);
     slab_dump_for_debug(KD_PROGRAM_NAME);
-    g_dump = 0;
 }

@@ -13,7 +13,7 @@ void kd_trace_userdata(int indent, mxml_node_t *element, FILE *stream);
 // Recursive listing of a configuration tree to syslog (elements only).
 void kd_trace_xml(int indent, mxml_node_t *node);
 
-// Writes the dump file and the syslog listing; clears the dump flag.
+// Writes the dump file and the syslog listing (the loop clears the flag).
 void kd_status_dump(kd_client *clients);
 
 // "kelpd --create-supportdata": 0 when the dump was seen complete, else 1.

@@ -3,6 +3,7 @@
 #include "daemon/kd_mainloop.h"
 
 #include "client/kd_client.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "daemon/kd_daemon.h"
 #include "daemon/kd_diag.h"
@@ -10,6 +11,7 @@
 #include "platform/kd_paths.h"
 #include "platform/rpc.h"
 #include "refresh/kd_fetch.h"
+#include "refresh/kd_interweb.h"
 #include "util/kd_fd.h"
 #include "util/kd_log.h"
 
@@ -96,6 +98,13 @@ int open_control_socket(kd_unique_fd &sock, kd_client **clients)
     return handle < 0 ? -1 : handle;
 }
 
+// SIGUSR2: the status dump, then the flag is cleared (here only).
+void serve_dump(kd_client *clients)
+{
+    kd_status_dump(clients);
+    g_dump = 0;
+}
+
 void serve_hangup()
 {
     verbosity = kd_next_verbosity(verbosity);
@@ -126,6 +135,10 @@ void shutdown_step(kd_loop &loop)
 
 int32_t main_loop(void)
 {
+    // The modules above config/ hand it what it calls up to, before the
+    // first document can arrive.
+    kd_refresh_register();
+    kd_client_register();
     kd_loop loop;
     loop.conn = kd_config_init();
     if (!loop.conn)
@@ -147,10 +160,8 @@ int32_t main_loop(void)
         kd_log_received_signals();
         if (loop.clients)
             loop.had_clients = true;
-        if (g_dump) {
-            kd_status_dump(loop.clients);
-            g_dump = 0;
-        }
+        if (g_dump)
+            serve_dump(loop.clients);
         if (g_hangup)
             serve_hangup();
         if (!kd_loop_continue(g_terminate != 0, loop.had_clients, loop.clients != nullptr, kd_config_empty() != 0))

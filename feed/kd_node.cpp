@@ -16,7 +16,9 @@ void free_attachement(kd_attachment *a)
     kd_free(a);
 }
 
-static void free_attachment_list(kd_attachment *a)
+namespace {
+
+void free_attachment_list(kd_attachment *a)
 {
     while (a) {
         kd_attachment *next = a->next;
@@ -24,6 +26,8 @@ static void free_attachment_list(kd_attachment *a)
         a = next;
     }
 }
+
+} // namespace
 
 void kdn_free_item(kd_item *item)
 {
@@ -63,10 +67,14 @@ void kdn_free_feed(kd_node *feed)
     kd_free(feed);
 }
 
-static bool has_guid(const kd_item *item)
+namespace {
+
+bool has_guid(const kd_item *item)
 {
     return item->guid && item->guid[0];
 }
+
+} // namespace
 
 uint32_t kdn_compare(const kd_item *old, const kd_item *newitem)
 {

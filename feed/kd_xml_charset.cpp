@@ -14,14 +14,14 @@
 #include <string_view>
 #include <strings.h>
 
-#include "http/httpcli.h"
 #include "platform/slab.h"
+#include "util/kd_limits.h"
 #include "util/kd_log.h"
 
 namespace {
 
 // A converted body never holds more than a download may.
-constexpr size_t kBound = HTTPCLI_MAX_RESPONSE;
+constexpr size_t kBound = KD_FEED_MAX_BYTES;
 // Room for the declaration's encoding to grow to "UTF-8" (from a 1-byte name).
 constexpr size_t kSlack = 8;
 constexpr char kUtf8[] = "UTF-8";

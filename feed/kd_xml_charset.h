@@ -11,7 +11,7 @@
 //     Content-Type's charset, else windows-1252, and the body is replaced by a
 //     new slab buffer holding it in UTF-8 (the old one is released), with the
 //     declaration's encoding rewritten to UTF-8. The new body holds at most
-//     HTTPCLI_MAX_RESPONSE bytes (info->cut when more would have come) and ends
+//     KD_FEED_MAX_BYTES bytes (info->cut when more would have come) and ends
 //     before an invalid sequence (info->invalid, logged as an xml error);
 //   - a charset that cannot be decoded leaves the body as it is (info->unknown,
 //     logged as an xml error).

@@ -7,10 +7,14 @@
 
 #include "feed/kd_xml.h"
 
-static bool is_digit(char c)
+namespace {
+
+bool is_digit(char c)
 {
     return c >= '0' && c <= '9';
 }
+
+} // namespace
 
 int kdx_read_number(const char **cursor)
 {
@@ -28,9 +32,11 @@ int kdx_read_number(const char **cursor)
     return n;
 }
 
+namespace {
+
 // Month 0-11 from the abbreviated English name at p, or -1. Reads a later
 // letter only while the earlier ones are there, never past the terminator.
-static int month_of(const char *p)
+int month_of(const char *p)
 {
     char c2 = p[0] ? p[1] : '\0';
     char c3 = c2 ? p[2] : '\0';
@@ -47,7 +53,7 @@ static int month_of(const char *p)
     }
 }
 
-static const char *skip_chars(const char *p, int n)
+const char *skip_chars(const char *p, int n)
 {
     while (n-- > 0 && *p)
         p++;
@@ -55,7 +61,7 @@ static const char *skip_chars(const char *p, int n)
 }
 
 // Year: four digits as two numbers, else a two-digit year around 1969.
-static int read_year(const char **cursor)
+int read_year(const char **cursor)
 {
     int year = kdx_read_number(cursor);
     if (year < 0)
@@ -64,6 +70,8 @@ static int read_year(const char **cursor)
         return year * 100 + kdx_read_number(cursor);
     return year < 69 ? 2000 + year : 1900 + year;
 }
+
+} // namespace
 
 int32_t kdx_parse_date(const char *text)
 {

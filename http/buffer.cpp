@@ -1,5 +1,6 @@
 // httpcli buffer: the growable byte buffer shared by requests and responses,
-// the client's default settings and the append helpers built on `buffadd`.
+// the client's default settings and hooks, and the append helpers built on
+// `buffadd`.
 #include "http/httpcli.h"
 
 #include <cstring>
@@ -13,6 +14,8 @@ const char *http_line_end = "\r\n";
 
 namespace {
 
+httpcli_hooks g_hooks = httpcli_default_hooks();
+
 // Next allocation size: small buffers double, larger ones grow by at most one
 // step so that a big feed does not reserve twice its size.
 uint32_t next_size(uint32_t size, uint32_t n)
@@ -25,6 +28,21 @@ uint32_t next_size(uint32_t size, uint32_t n)
 }
 
 } // namespace
+
+httpcli_hooks httpcli_default_hooks(void)
+{
+    return httpcli_hooks{HTTPCLI_FETCH_DEADLINE, nullptr};
+}
+
+void httpcli_set_hooks(const httpcli_hooks *hooks)
+{
+    g_hooks = hooks ? *hooks : httpcli_default_hooks();
+}
+
+const httpcli_hooks &httpcli_current_hooks(void)
+{
+    return g_hooks;
+}
 
 uint32_t buffadd(httpcli_ctx *ctx, httpcli_buffer *b, const void *data, uint32_t n)
 {

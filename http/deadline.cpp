@@ -6,8 +6,6 @@
 
 #include "http/httpcli.h"
 
-float http_fetch_deadline = HTTPCLI_FETCH_DEADLINE;
-
 namespace {
 
 // End of the armed fetch in nanoseconds of CLOCK_MONOTONIC; 0: none armed.
@@ -24,7 +22,7 @@ int64_t monotonic_ns()
 // anything not positive leaves no time at all.
 int64_t deadline_ns()
 {
-    float s = http_fetch_deadline;
+    float s = httpcli_current_hooks().fetch_deadline;
     if (!(s > 0.0f))
         return 0;
     return static_cast<int64_t>(static_cast<double>(s < 1e8f ? s : 1e8f) * 1e9);

@@ -1,5 +1,5 @@
 // httpcli fetch deadline: one fetch, with every redirect hop of it, ends once
-// http_fetch_deadline seconds have passed on the monotonic clock, however a
+// the hooks' fetch_deadline seconds (HTTPCLI_FETCH_DEADLINE) have passed on the monotonic clock, however a
 // server paces its bytes. Private to http/.
 #pragma once
 #include <cstdint>

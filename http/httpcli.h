@@ -6,6 +6,8 @@
 #pragma once
 #include <cstdint>
 
+#include "util/kd_limits.h"
+
 struct httpcli_ctx {
     const char *proxy;   // proxy host, null or empty for direct connections
     int32_t proxy_port;
@@ -39,7 +41,7 @@ enum {
 };
 
 inline constexpr uint32_t bufsizestep = 2048;
-inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = 196608;
+inline constexpr uint32_t HTTPCLI_MAX_RESPONSE = KD_FEED_MAX_BYTES;
 // Seconds one fetch may take, connect, request, response and every redirect
 // hop together, on the monotonic clock: the per-wait time-out alone lets a
 // server that trickles a byte per wait hold the caller for days. A fetch
@@ -51,8 +53,22 @@ inline constexpr float HTTPCLI_FETCH_DEADLINE = 20.0f;
 extern httpcli_ctx http_default_context;
 extern const char *http_extra_headers;
 extern const char *http_line_end;
-// The deadline every fetch gets, HTTPCLI_FETCH_DEADLINE; only tests change it.
-extern float http_fetch_deadline;
+
+struct http_tls_report;
+
+// Seams of the HTTP client, for kelp-httpget and for tests;
+// httpcli_set_hooks(nullptr) puts the defaults back.
+struct httpcli_hooks {
+    // Seconds every fetch may take: HTTPCLI_FETCH_DEADLINE (tests shorten it).
+    float fetch_deadline;
+    // Told after every TLS handshake what it negotiated or why it failed
+    // (kelp-httpget --show-tls); null, the default: nobody is told.
+    void (*tls_observer)(const http_tls_report *report);
+};
+void httpcli_set_hooks(const httpcli_hooks *hooks);
+httpcli_hooks httpcli_default_hooks(void);
+// The hooks in force, which http/'s own files follow.
+const httpcli_hooks &httpcli_current_hooks(void);
 
 uint32_t buffadd(httpcli_ctx *ctx, httpcli_buffer *b, const void *data, uint32_t n);
 uint32_t buffadd_str(httpcli_ctx *ctx, httpcli_buffer *b, const char *text);

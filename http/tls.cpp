@@ -35,8 +35,6 @@
 #define KELP_TLS_CA_FILE "/etc/ssl/certs/ca-certificates.crt"
 #endif
 
-void (*http_tls_observer)(const http_tls_report *report) = nullptr;
-
 // The mbedTLS contexts of one session, set up and torn down together.
 struct http_tls {
     mbedtls_entropy_context entropy;
@@ -103,9 +101,9 @@ int bio_recv(void *p, unsigned char *buf, size_t len)
 int fail(const http_tls *t, const char *reason)
 {
     KD_LOG(1, LOG_ERR, "TLS with %s failed: %s", t->server, reason);
-    if (http_tls_observer) {
+    if (auto observer = httpcli_current_hooks().tls_observer) {
         http_tls_report r = {t->server, nullptr, nullptr, nullptr, reason};
-        http_tls_observer(&r);
+        observer(&r);
     }
     return HTTPCLI_NO_CONNECTION;
 }
@@ -190,7 +188,7 @@ bool connected(const httpcli_ctx *ctx, int fd)
     return http_wait(ctx, fd, true) && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) == 0 && !err;
 }
 
-void report_success(const http_tls *t)
+void report_success(const http_tls *t, void (*observer)(const http_tls_report *))
 {
     char subject[256] = "";
     const mbedtls_x509_crt *peer = mbedtls_ssl_get_peer_cert(&t->ssl);
@@ -198,7 +196,7 @@ void report_success(const http_tls *t)
         subject[0] = '\0';
     http_tls_report r = {t->server, mbedtls_ssl_get_version(&t->ssl), mbedtls_ssl_get_ciphersuite(&t->ssl),
                          subject, nullptr};
-    http_tls_observer(&r);
+    observer(&r);
 }
 
 // Runs the handshake to its end: 0, or HTTPCLI_NO_CONNECTION with the
@@ -217,8 +215,8 @@ int handshake(const httpcli_ctx *ctx, http_tls *t)
             return fail(t, http_fetch_expired() ? "handshake: the fetch's deadline passed"
                                                 : "handshake: no answer within the time-out");
     }
-    if (http_tls_observer)
-        report_success(t);
+    if (auto observer = httpcli_current_hooks().tls_observer)
+        report_success(t, observer);
     return 0;
 }
 

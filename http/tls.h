@@ -11,7 +11,8 @@
 // One TLS session over a connected socket (the socket stays the caller's).
 struct http_tls;
 
-// What a finished handshake negotiated, or why it failed (error non-null).
+// What a finished handshake negotiated, or why it failed (error non-null):
+// what the hooks' tls_observer is told (httpcli.h).
 struct http_tls_report {
     const char *server;  // "host:port"
     const char *version; // "TLSv1.2", ...
@@ -19,10 +20,6 @@ struct http_tls_report {
     const char *subject; // the peer certificate's subject
     const char *error;
 };
-
-// Called after every handshake when set (kelp-httpget --show-tls); the
-// daemon leaves it null.
-extern void (*http_tls_observer)(const http_tls_report *report);
 
 // True for https when TLS is built in: the scheme a URL must keep in a
 // redirect target, and whose default port is 443.

@@ -2,8 +2,6 @@
 // URL without a port goes to port 80 whatever its scheme.
 #include "http/tls.h"
 
-void (*http_tls_observer)(const http_tls_report *report) = nullptr;
-
 bool http_is_tls_scheme(const char *) { return false; }
 
 int32_t http_default_port(const char *) { return 80; }

@@ -46,16 +46,22 @@ struct csock_rec {
     csock_rec *next_dead;
 };
 
-csock_rec **g_slots;
-unsigned short *g_gens;
-unsigned g_nslots;
-unsigned g_cursor;
-int g_epfd = -1;
-pid_t g_eppid;
-int g_depth; // > 0 while callbacks run
-csock_rec *g_dead_head, *g_dead_tail, *g_pending;
-int *g_fdown; // per descriptor number: handle owning its epoll registration, 0 none
-unsigned g_nfdown;
+// The multiplexer: its table of records, the epoll instance, the dispatch
+// depth and the records closed during a round; csock_exit resets it.
+struct csock_state {
+    csock_rec **slots;
+    unsigned short *gens;
+    unsigned nslots;
+    unsigned cursor;
+    int epfd = -1;
+    pid_t eppid;
+    int depth; // > 0 while callbacks run
+    csock_rec *dead_head, *dead_tail, *pending;
+    int *fdown; // per descriptor number: handle owning its epoll registration, 0 none
+    unsigned nfdown;
+};
+
+csock_state g_csock;
 
 csock_rec *lookup(int handle)
 {
@@ -63,9 +69,9 @@ csock_rec *lookup(int handle)
         return nullptr;
     unsigned slot = (static_cast<unsigned>(handle) & kMaxSlots) - 1;
     unsigned gen = static_cast<unsigned>(handle) >> kSlotBits;
-    if (slot >= g_nslots || g_gens[slot] != gen)
+    if (slot >= g_csock.nslots || g_csock.gens[slot] != gen)
         return nullptr;
-    csock_rec *r = g_slots[slot];
+    csock_rec *r = g_csock.slots[slot];
     return (r && !r->closed) ? r : nullptr;
 }
 
@@ -83,22 +89,22 @@ uint32_t interest(const csock_rec *r)
 
 bool owns_fd(const csock_rec *r)
 {
-    return static_cast<unsigned>(r->fd) < g_nfdown && g_fdown[r->fd] == r->handle;
+    return static_cast<unsigned>(r->fd) < g_csock.nfdown && g_csock.fdown[r->fd] == r->handle;
 }
 
 bool reserve_fd(int fd)
 {
     unsigned need = static_cast<unsigned>(fd) + 1;
-    if (need <= g_nfdown)
+    if (need <= g_csock.nfdown)
         return true;
     unsigned n = need < 64 ? 64 : need + need / 2;
-    auto *t = static_cast<int *>(kd_realloc(g_fdown, n * sizeof(*g_fdown)));
+    auto *t = static_cast<int *>(kd_realloc(g_csock.fdown, n * sizeof(*g_csock.fdown)));
     if (!t)
         return false;
-    for (unsigned i = g_nfdown; i < n; i++)
+    for (unsigned i = g_csock.nfdown; i < n; i++)
         t[i] = 0;
-    g_fdown = t;
-    g_nfdown = n;
+    g_csock.fdown = t;
+    g_csock.nfdown = n;
     return true;
 }
 
@@ -107,7 +113,7 @@ bool epoll_register(csock_rec *r, int op)
     epoll_event ev{};
     ev.events = interest(r);
     ev.data.u64 = static_cast<uint64_t>(r->handle);
-    return epoll_ctl(g_epfd, op, r->fd, &ev) == 0;
+    return epoll_ctl(g_csock.epfd, op, r->fd, &ev) == 0;
 }
 
 // The epoll instance is made on first use, so that it is created after the
@@ -115,14 +121,14 @@ bool epoll_register(csock_rec *r, int op)
 // makes its own rather than sharing its parent's.
 bool ensure_epoll()
 {
-    if (g_epfd >= 0 && g_eppid == getpid())
+    if (g_csock.epfd >= 0 && g_csock.eppid == getpid())
         return true;
-    g_epfd = epoll_create1(EPOLL_CLOEXEC);
-    if (g_epfd < 0)
+    g_csock.epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (g_csock.epfd < 0)
         return false;
-    g_eppid = getpid();
-    for (unsigned i = 0; i < g_nslots; i++) {
-        csock_rec *r = g_slots[i];
+    g_csock.eppid = getpid();
+    for (unsigned i = 0; i < g_csock.nslots; i++) {
+        csock_rec *r = g_csock.slots[i];
         if (r && !r->closed && r->in_epoll && owns_fd(r))
             r->in_epoll = epoll_register(r, EPOLL_CTL_ADD);
     }
@@ -131,24 +137,24 @@ bool ensure_epoll()
 
 bool grow_table()
 {
-    unsigned n = g_nslots ? g_nslots * 2 : 16;
+    unsigned n = g_csock.nslots ? g_csock.nslots * 2 : 16;
     if (n > kMaxSlots)
         n = kMaxSlots;
-    if (n <= g_nslots)
+    if (n <= g_csock.nslots)
         return false;
-    auto *slots = static_cast<csock_rec **>(kd_realloc(g_slots, n * sizeof(*g_slots)));
+    auto *slots = static_cast<csock_rec **>(kd_realloc(g_csock.slots, n * sizeof(*g_csock.slots)));
     if (!slots)
         return false;
-    g_slots = slots;
-    auto *gens = static_cast<unsigned short *>(kd_realloc(g_gens, n * sizeof(*g_gens)));
+    g_csock.slots = slots;
+    auto *gens = static_cast<unsigned short *>(kd_realloc(g_csock.gens, n * sizeof(*g_csock.gens)));
     if (!gens)
         return false;
-    g_gens = gens;
-    for (unsigned i = g_nslots; i < n; i++) {
-        g_slots[i] = nullptr;
-        g_gens[i] = 0;
+    g_csock.gens = gens;
+    for (unsigned i = g_csock.nslots; i < n; i++) {
+        g_csock.slots[i] = nullptr;
+        g_csock.gens[i] = 0;
     }
-    g_nslots = n;
+    g_csock.nslots = n;
     return true;
 }
 
@@ -156,10 +162,10 @@ bool grow_table()
 int free_slot()
 {
     for (int pass = 0; pass < 2; pass++) {
-        for (unsigned i = 0; i < g_nslots; i++) {
-            unsigned s = (g_cursor + i) % g_nslots;
-            if (!g_slots[s]) {
-                g_cursor = s + 1;
+        for (unsigned i = 0; i < g_csock.nslots; i++) {
+            unsigned s = (g_csock.cursor + i) % g_csock.nslots;
+            if (!g_csock.slots[s]) {
+                g_csock.cursor = s + 1;
                 return static_cast<int>(s);
             }
         }
@@ -180,22 +186,22 @@ int add_record(csock_rec *proto)
     if (!r)
         return -1;
     *r = *proto;
-    r->handle = static_cast<int>((static_cast<unsigned>(g_gens[slot]) << kSlotBits) | (slot + 1));
+    r->handle = static_cast<int>((static_cast<unsigned>(g_csock.gens[slot]) << kSlotBits) | (slot + 1));
     if (!epoll_register(r, EPOLL_CTL_ADD)) {
         kd_free(r);
         return -1;
     }
     r->in_epoll = true;
-    g_slots[slot] = r;
-    g_fdown[r->fd] = r->handle;
+    g_csock.slots[slot] = r;
+    g_csock.fdown[r->fd] = r->handle;
     return r->handle;
 }
 
 void release_slot(csock_rec *r)
 {
     unsigned slot = (static_cast<unsigned>(r->handle) & kMaxSlots) - 1;
-    g_slots[slot] = nullptr;
-    g_gens[slot] = static_cast<unsigned short>((g_gens[slot] + 1) & 0x7fff);
+    g_csock.slots[slot] = nullptr;
+    g_csock.gens[slot] = static_cast<unsigned short>((g_csock.gens[slot] + 1) & 0x7fff);
     kd_free(r);
 }
 
@@ -203,8 +209,8 @@ void release_slot(csock_rec *r)
 // belong to another registered handle, whose registration must stay.
 void stop_watching(csock_rec *r)
 {
-    if (r->in_epoll && g_epfd >= 0 && owns_fd(r))
-        epoll_ctl(g_epfd, EPOLL_CTL_DEL, r->fd, nullptr);
+    if (r->in_epoll && g_csock.epfd >= 0 && owns_fd(r))
+        epoll_ctl(g_csock.epfd, EPOLL_CTL_DEL, r->fd, nullptr);
     r->in_epoll = false;
 }
 
@@ -216,29 +222,29 @@ void unregister(csock_rec *r)
     r->pause_timer = 0;
     stop_watching(r);
     if (owns_fd(r))
-        g_fdown[r->fd] = 0;
+        g_csock.fdown[r->fd] = 0;
 }
 
 void defer(csock_rec *r, bool with_closecb)
 {
     r->close_pending = with_closecb && r->closecb;
     r->next_dead = nullptr;
-    if (g_dead_tail)
-        g_dead_tail->next_dead = r;
+    if (g_csock.dead_tail)
+        g_csock.dead_tail->next_dead = r;
     else
-        g_dead_head = r;
-    g_dead_tail = r;
-    if (!g_pending)
-        g_pending = r;
+        g_csock.dead_head = r;
+    g_csock.dead_tail = r;
+    if (!g_csock.pending)
+        g_csock.pending = r;
 }
 
 // Runs the close callbacks of handles closed by the callback that just returned
 // (and of those closed by these close callbacks in turn).
 void run_pending_closes()
 {
-    while (g_pending) {
-        csock_rec *r = g_pending;
-        g_pending = r->next_dead;
+    while (g_csock.pending) {
+        csock_rec *r = g_csock.pending;
+        g_csock.pending = r->next_dead;
         if (!r->close_pending)
             continue;
         r->close_pending = false;
@@ -248,13 +254,13 @@ void run_pending_closes()
 
 void free_dead()
 {
-    while (g_dead_head) {
-        csock_rec *r = g_dead_head;
-        g_dead_head = r->next_dead;
+    while (g_csock.dead_head) {
+        csock_rec *r = g_csock.dead_head;
+        g_csock.dead_head = r->next_dead;
         release_slot(r);
     }
-    g_dead_tail = nullptr;
-    g_pending = nullptr;
+    g_csock.dead_tail = nullptr;
+    g_csock.pending = nullptr;
 }
 
 void *handle_param(int handle)
@@ -368,10 +374,10 @@ bool deliver_pending_signals(const sigset_t *wait_mask)
 int dispatch_round(const epoll_event *evs, int n)
 {
     timeout_round_begin();
-    g_depth++;
+    g_csock.depth++;
     int ran = dispatch_events(evs, n);
     ran += run_timers();
-    if (--g_depth == 0)
+    if (--g_csock.depth == 0)
         free_dead();
     return ran;
 }
@@ -385,22 +391,22 @@ int csock_init(void)
 
 void csock_exit(void)
 {
-    for (unsigned i = 0; i < g_nslots; i++) {
-        if (g_slots[i] && g_slots[i]->pause_timer > 0)
-            timeout_del(g_slots[i]->pause_timer);
-        kd_free(g_slots[i]);
+    for (unsigned i = 0; i < g_csock.nslots; i++) {
+        if (g_csock.slots[i] && g_csock.slots[i]->pause_timer > 0)
+            timeout_del(g_csock.slots[i]->pause_timer);
+        kd_free(g_csock.slots[i]);
     }
-    kd_free(g_slots);
-    kd_free(g_gens);
-    kd_free(g_fdown);
-    g_slots = nullptr;
-    g_gens = nullptr;
-    g_fdown = nullptr;
-    g_nslots = g_cursor = g_nfdown = 0;
-    g_dead_head = g_dead_tail = g_pending = nullptr;
-    if (g_epfd >= 0 && g_eppid == getpid())
-        close(g_epfd);
-    g_epfd = -1;
+    kd_free(g_csock.slots);
+    kd_free(g_csock.gens);
+    kd_free(g_csock.fdown);
+    g_csock.slots = nullptr;
+    g_csock.gens = nullptr;
+    g_csock.fdown = nullptr;
+    g_csock.nslots = g_csock.cursor = g_csock.nfdown = 0;
+    g_csock.dead_head = g_csock.dead_tail = g_csock.pending = nullptr;
+    if (g_csock.epfd >= 0 && g_csock.eppid == getpid())
+        close(g_csock.epfd);
+    g_csock.epfd = -1;
 }
 
 namespace {
@@ -458,7 +464,7 @@ int csock_select(void)
     sigset_t none;
     sigemptyset(&none);
     for (;;) {
-        int n = epoll_pwait(g_epfd, evs, kMaxEvents, timeout_next_ms(), &none);
+        int n = epoll_pwait(g_csock.epfd, evs, kMaxEvents, timeout_next_ms(), &none);
         if (n < 0 && errno != EINTR)
             return -1;
         bool signalled = n < 0 || deliver_pending_signals(&none);
@@ -475,7 +481,7 @@ void csock_close(int handle, int)
     if (!r)
         return;
     unregister(r);
-    if (g_depth > 0) {
+    if (g_csock.depth > 0) {
         defer(r, true);
         return;
     }
@@ -490,7 +496,7 @@ void csock_fastclose(int handle)
     if (!r)
         return;
     unregister(r);
-    if (g_depth > 0)
+    if (g_csock.depth > 0)
         defer(r, false);
     else
         release_slot(r);
@@ -548,8 +554,8 @@ int csock_fit_packets(int fd, uint32_t packet)
 size_t csock_count(void)
 {
     size_t n = 0;
-    for (unsigned i = 0; i < g_nslots; i++) {
-        if (g_slots[i] && !g_slots[i]->closed)
+    for (unsigned i = 0; i < g_csock.nslots; i++) {
+        if (g_csock.slots[i] && !g_csock.slots[i]->closed)
             n++;
     }
     return n;

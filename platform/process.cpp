@@ -16,20 +16,27 @@
 
 namespace {
 
-char g_pgmname[64];
-int g_echo_fd = -1;
+// The registered program name and where crash reports are echoed (-1: only
+// to syslog).
+struct process_state {
+    char pgmname[64];
+    int echo_fd = -1;
+};
+
+process_state g_process;
 
 #if !defined(__SANITIZE_ADDRESS__)
 constexpr int kMaxFrames = 48;
+// The stack the crash handler runs on, so a stack overflow is reported too.
 alignas(16) char g_altstack[64 * 1024];
 
 void report_line(const char *line, size_t len)
 {
     syslog(LOG_CRIT, "%.*s", static_cast<int>(len), line);
-    if (g_echo_fd < 0)
+    if (g_process.echo_fd < 0)
         return;
-    ssize_t w1 = write(g_echo_fd, line, len);
-    ssize_t w2 = write(g_echo_fd, "\n", 1);
+    ssize_t w1 = write(g_process.echo_fd, line, len);
+    ssize_t w2 = write(g_process.echo_fd, "\n", 1);
     (void)w1;
     (void)w2;
 }
@@ -107,22 +114,22 @@ void crash_handler(int sig)
 
 void setpgmname(const char *name)
 {
-    snprintf(g_pgmname, sizeof(g_pgmname), "%s", name ? name : "");
+    snprintf(g_process.pgmname, sizeof(g_process.pgmname), "%s", name ? name : "");
 }
 
 const char *getpgmname(void)
 {
-    return g_pgmname;
+    return g_process.pgmname;
 }
 
 void crashdump_set_echo_fd(int fd)
 {
-    g_echo_fd = fd;
+    g_process.echo_fd = fd;
 }
 
 void crashdump_init(const char *argv0)
 {
-    if (argv0 && !g_pgmname[0])
+    if (argv0 && !g_process.pgmname[0])
         setpgmname(argv0);
 #if defined(__SANITIZE_ADDRESS__)
     // The sanitizer's own fault reports are the better crash dump.

@@ -29,23 +29,31 @@ struct rpc_conn {
     rpc_conn *next;
 };
 
-static rpc_conn *g_clients;
-static rpc_conn *g_servers;
-static int g_listenfd = -1;
-static int g_listenhandle = -1;
-static rpc_ifaceinfo *g_listeniface;
-static const rpc_callback *g_listencbs;
+namespace {
 
-static constexpr size_t READ_CHUNK = 64 * 1024;
+// The connections this process made and those it accepted, and its
+// listening socket with what each accepted connection gets.
+struct rpc_state {
+    rpc_conn *clients;
+    rpc_conn *servers;
+    int listenfd = -1;
+    int listenhandle = -1;
+    rpc_ifaceinfo *listeniface;
+    const rpc_callback *listencbs;
+};
+
+rpc_state g_rpc;
+
+constexpr size_t READ_CHUNK = 64 * 1024;
 // A peer that stops reading must not make us queue without end.
-static constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
+constexpr size_t MAX_QUEUED = 4 * size_t(RPC_MAX_FRAME);
 
-static rpc_conn **list_of(rpc_conn *c)
+rpc_conn **list_of(rpc_conn *c)
 {
-    return c->server ? &g_servers : &g_clients;
+    return c->server ? &g_rpc.servers : &g_rpc.clients;
 }
 
-static void unlink_conn(rpc_conn *c)
+void unlink_conn(rpc_conn *c)
 {
     for (rpc_conn **p = list_of(c); *p; p = &(*p)->next)
         if (*p == c) {
@@ -54,7 +62,7 @@ static void unlink_conn(rpc_conn *c)
         }
 }
 
-static rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
+rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
 {
     for (; cbs && (cbs->id || cbs->handler); cbs++)
         if (cbs->id == id)
@@ -62,7 +70,7 @@ static rpc_handler find_handler(const rpc_callback *cbs, uint32_t id)
     return nullptr;
 }
 
-static void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
+void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
 {
     rpc_handler h = find_handler(c->cbs, ev);
     rpc_msg m{};
@@ -74,7 +82,7 @@ static void deliver_event(rpc_conn *c, uint32_t ev, int32_t code)
 
 // Marks the connection broken after telling the owner why; the close itself
 // happens when the current csock callback has returned.
-static void fail(rpc_conn *c, int32_t code)
+void fail(rpc_conn *c, int32_t code)
 {
     if (c->failed)
         return;
@@ -85,14 +93,14 @@ static void fail(rpc_conn *c, int32_t code)
 }
 
 // Closes the socket once nothing is left to do on it.
-static void maybe_finish(rpc_conn *c)
+void maybe_finish(rpc_conn *c)
 {
     bool idle = c->out.len == c->out.off;
     if (c->failed || (c->closing && idle))
         csock_close(c->handle, 0);
 }
 
-static void ensure_established(rpc_conn *c)
+void ensure_established(rpc_conn *c)
 {
     if (c->established)
         return;
@@ -108,12 +116,12 @@ static void ensure_established(rpc_conn *c)
 
 // Requests only go to servers, replies and indications only to clients: a
 // frame the other way would reach a handler with the wrong payload.
-static bool wrong_direction(const rpc_conn *c, uint8_t kind)
+bool wrong_direction(const rpc_conn *c, uint8_t kind)
 {
     return c->server ? kind != RPCW_REQUEST : kind == RPCW_REQUEST;
 }
 
-static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
+void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
 {
     if (wrong_direction(c, payload[0])) {
         fail(c, RPC_ERR_MALFORMED);
@@ -141,7 +149,7 @@ static void dispatch(rpc_conn *c, const uint8_t *payload, uint32_t len)
 
 // Runs every complete frame in the input buffer, stopping when the owner
 // closed the connection from a handler.
-static void process_input(rpc_conn *c)
+void process_input(rpc_conn *c)
 {
     uint32_t len;
     int r;
@@ -159,7 +167,7 @@ static void process_input(rpc_conn *c)
 
 // Reads what is there: 1 while the stream stays open, 0 at its end, or the
 // negative RPC_ERR_* code of a failure.
-static int read_some(rpc_conn *c)
+int read_some(rpc_conn *c)
 {
     for (int rounds = 0; rounds < 64; rounds++) {
         if (!rpcw_buf_reserve(&c->in, READ_CHUNK))
@@ -176,7 +184,7 @@ static int read_some(rpc_conn *c)
     return 1;
 }
 
-static void on_read(int, void *ctx)
+void on_read(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed)
@@ -192,7 +200,7 @@ static void on_read(int, void *ctx)
     maybe_finish(c);
 }
 
-static void flush_output(rpc_conn *c)
+void flush_output(rpc_conn *c)
 {
     while (c->out.off < c->out.len) {
         ssize_t n = send(c->fd, c->out.data + c->out.off, c->out.len - c->out.off, MSG_NOSIGNAL);
@@ -209,7 +217,7 @@ static void flush_output(rpc_conn *c)
     csock_want_write(c->handle, 0);
 }
 
-static void on_write(int, void *ctx)
+void on_write(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed)
@@ -219,7 +227,7 @@ static void on_write(int, void *ctx)
     maybe_finish(c);
 }
 
-static void on_error(int, void *ctx)
+void on_error(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     if (!c->failed && !c->closing && c->in.len > c->in.off)
@@ -228,7 +236,7 @@ static void on_error(int, void *ctx)
     maybe_finish(c);
 }
 
-static void on_close(int, void *ctx)
+void on_close(int, void *ctx)
 {
     auto *c = static_cast<rpc_conn *>(ctx);
     close(c->fd);
@@ -240,7 +248,7 @@ static void on_close(int, void *ctx)
     kd_free(c);
 }
 
-static rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, int server)
+rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, int server)
 {
     auto *c = static_cast<rpc_conn *>(kd_calloc(1, sizeof(rpc_conn)));
     if (!c)
@@ -259,6 +267,8 @@ static rpc_conn *add_conn(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs,
     *list_of(c) = c;
     return c;
 }
+
+} // namespace
 
 int rpc_addiface(rpc_ifaceinfo *iface, const rpc_msgdesc *params, int, int)
 {
@@ -296,7 +306,9 @@ rpc_conn *rpc_adopt_fd(int fd, rpc_ifaceinfo *iface, const rpc_callback *cbs, in
     return add_conn(fd, iface, cbs, server);
 }
 
-static int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_list ap)
+namespace {
+
+int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_list ap)
 {
     if (!c || c->closing || c->failed || c->out.len - c->out.off > MAX_QUEUED)
         return -1;
@@ -308,6 +320,8 @@ static int queue_frame(rpc_conn *c, uint8_t kind, uint32_t id, uint32_t tag, va_
     csock_want_write(c->handle, 1);
     return 0;
 }
+
+} // namespace
 
 int rpc_send_req(rpc_conn *conn, uint32_t id, uint32_t tag, ...)
 {
@@ -327,8 +341,10 @@ int rpc_send_reply(rpc_conn *conn, uint32_t id, uint32_t tag, ...)
     return r;
 }
 
+namespace {
+
 // The reason travels as the error reply's one text.
-static int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
+int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
 {
     va_list ap;
     va_start(ap, tag);
@@ -336,6 +352,8 @@ static int queue_error(rpc_conn *c, uint32_t id, uint32_t tag, ...)
     va_end(ap);
     return r;
 }
+
+} // namespace
 
 int rpc_send_error(rpc_conn *conn, uint32_t id, uint32_t tag, const char *reason)
 {
@@ -351,18 +369,22 @@ int rpc_send_ind(rpc_conn *conn, uint32_t id, ...)
     return r;
 }
 
+namespace {
+
 // A caller may still hold a connection that the peer already closed (and we
 // freed): only act on connections that are still in one of our lists.
-static bool is_live(const rpc_conn *conn)
+bool is_live(const rpc_conn *conn)
 {
-    for (const rpc_conn *c = g_clients; c; c = c->next)
+    for (const rpc_conn *c = g_rpc.clients; c; c = c->next)
         if (c == conn)
             return true;
-    for (const rpc_conn *c = g_servers; c; c = c->next)
+    for (const rpc_conn *c = g_rpc.servers; c; c = c->next)
         if (c == conn)
             return true;
     return false;
 }
+
+} // namespace
 
 void rpc_close(rpc_conn *conn)
 {
@@ -375,15 +397,19 @@ void rpc_close(rpc_conn *conn)
 
 int rpc_isempty(void)
 {
-    return g_clients == nullptr;
+    return g_rpc.clients == nullptr;
 }
 
-static int on_accept(int fd, void *)
+namespace {
+
+int on_accept(int fd, void *)
 {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
-    return add_conn(fd, g_listeniface, g_listencbs, 1) ? 0 : -1;
+    return add_conn(fd, g_rpc.listeniface, g_rpc.listencbs, 1) ? 0 : -1;
 }
+
+} // namespace
 
 int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
 {
@@ -398,19 +424,21 @@ int rpc_listen(const char *path, rpc_ifaceinfo *iface, const rpc_callback *cbs)
         return -1;
     }
     mxmlSetWrapMargin(0);
-    g_listeniface = iface;
-    g_listencbs = cbs;
+    g_rpc.listeniface = iface;
+    g_rpc.listencbs = cbs;
     int h = csock_add_listenfd(fd, "rpc-listen", on_accept, nullptr, nullptr);
     if (h <= 0) {
         close(fd);
         return -1;
     }
-    g_listenfd = fd;
-    g_listenhandle = h;
+    g_rpc.listenfd = fd;
+    g_rpc.listenhandle = h;
     return h;
 }
 
-static void drop_all(rpc_conn **list)
+namespace {
+
+void drop_all(rpc_conn **list)
 {
     while (rpc_conn *c = *list) {
         *list = c->next;
@@ -422,15 +450,17 @@ static void drop_all(rpc_conn **list)
     }
 }
 
+} // namespace
+
 void rpc_shutdown(void)
 {
-    drop_all(&g_servers);
-    drop_all(&g_clients);
-    if (g_listenhandle > 0)
-        csock_fastclose(g_listenhandle);
-    if (g_listenfd >= 0)
-        close(g_listenfd);
-    g_listenfd = g_listenhandle = -1;
+    drop_all(&g_rpc.servers);
+    drop_all(&g_rpc.clients);
+    if (g_rpc.listenhandle > 0)
+        csock_fastclose(g_rpc.listenhandle);
+    if (g_rpc.listenfd >= 0)
+        close(g_rpc.listenfd);
+    g_rpc.listenfd = g_rpc.listenhandle = -1;
 }
 
 void rpc_set_userdata(rpc_conn *conn, void *data)

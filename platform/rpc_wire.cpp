@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string_view>
 #include "platform/slab.h"
-#include "util/kd_mxml.h"
 
 void rpcw_buf_free(rpc_buf *b)
 {
@@ -46,7 +45,9 @@ void rpcw_buf_compact(rpc_buf *b)
     b->off = 0;
 }
 
-static void put_u32(uint8_t *p, uint32_t v)
+namespace {
+
+void put_u32(uint8_t *p, uint32_t v)
 {
     p[0] = uint8_t(v >> 24);
     p[1] = uint8_t(v >> 16);
@@ -54,30 +55,30 @@ static void put_u32(uint8_t *p, uint32_t v)
     p[3] = uint8_t(v);
 }
 
-static uint32_t get_u32(const uint8_t *p)
+uint32_t get_u32(const uint8_t *p)
 {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
 
-static int append_u32(rpc_buf *b, uint32_t v)
+int append_u32(rpc_buf *b, uint32_t v)
 {
     uint8_t q[4];
     put_u32(q, v);
     return rpcw_buf_append(b, q, 4);
 }
 
-static int append_text(rpc_buf *b, const char *s, size_t n)
+int append_text(rpc_buf *b, const char *s, size_t n)
 {
     return n <= RPC_MAX_FRAME && append_u32(b, uint32_t(n)) && rpcw_buf_append(b, s, n);
 }
 
-static int append_str(rpc_buf *b, const char *s)
+int append_str(rpc_buf *b, const char *s)
 {
     return s && append_text(b, s, strlen(s));
 }
 
 // A tree travels as its text, rendered without whitespace callbacks.
-static int append_xml(rpc_buf *b, mxml_node_t *x)
+int append_xml(rpc_buf *b, mxml_node_t *x)
 {
     if (!x)
         return 0;
@@ -89,7 +90,7 @@ static int append_xml(rpc_buf *b, mxml_node_t *x)
     return ok;
 }
 
-static int append_list(rpc_buf *b, const char *const *list)
+int append_list(rpc_buf *b, const char *const *list)
 {
     if (!list)
         return 0;
@@ -104,7 +105,7 @@ static int append_list(rpc_buf *b, const char *const *list)
     return 1;
 }
 
-static int append_args(rpc_buf *b, std::string_view fmt, va_list ap)
+int append_args(rpc_buf *b, std::string_view fmt, va_list ap)
 {
     if (fmt == "s")
         return append_str(b, va_arg(ap, const char *));
@@ -118,6 +119,8 @@ static int append_args(rpc_buf *b, std::string_view fmt, va_list ap)
     }
     return fmt.empty() || fmt == "v";
 }
+
+} // namespace
 
 int rpcw_encode(rpc_buf *out, uint8_t kind, uint32_t id, uint32_t tag, const char *fmt, va_list ap)
 {
@@ -167,6 +170,8 @@ const char *rpcw_format(const rpc_msgdesc *d, uint8_t kind)
     return f ? f : "";
 }
 
+namespace {
+
 // Reading cursor over one payload; `bad` latches the first overrun.
 struct reader {
     const uint8_t *p;
@@ -175,7 +180,7 @@ struct reader {
     bool badxml;   // well framed, but an XML text does not parse
 };
 
-static uint32_t read_u32(reader *r)
+uint32_t read_u32(reader *r)
 {
     if (r->bad || r->n < 4) {
         r->bad = true;
@@ -188,7 +193,7 @@ static uint32_t read_u32(reader *r)
 }
 
 // Texts are NUL-free byte strings; a NUL inside one is malformed.
-static char *read_text(reader *r)
+char *read_text(reader *r)
 {
     uint32_t len = read_u32(r);
     if (r->bad || len > r->n || memchr(r->p, 0, len)) {
@@ -205,7 +210,7 @@ static char *read_text(reader *r)
 
 // Keeps every node (a whole tree) and counts element opens against closes,
 // since Mini-XML accepts elements left open at the end of the text.
-static void sax_keep(mxml_node_t *node, mxml_sax_event_t event, void *data)
+void sax_keep(mxml_node_t *node, mxml_sax_event_t event, void *data)
 {
     if (event == MXML_SAX_ELEMENT_OPEN)
         ++*static_cast<long *>(data);
@@ -217,7 +222,7 @@ static void sax_keep(mxml_node_t *node, mxml_sax_event_t event, void *data)
 
 // Mini-XML leaks the root element when its own start tag is broken and no top
 // node is given; under a holder element a failed parse frees everything.
-static bool parses_under_holder(const char *text)
+bool parses_under_holder(const char *text)
 {
     mxml_node_t *holder = mxmlNewElement(MXML_NO_PARENT, "holder");
     if (!holder)
@@ -238,7 +243,7 @@ struct toplevel_parse {
     mxml_node_t *strays = nullptr;
 };
 
-static void sax_keep_toplevel(mxml_node_t *node, mxml_sax_event_t event, void *data)
+void sax_keep_toplevel(mxml_node_t *node, mxml_sax_event_t event, void *data)
 {
     auto *p = static_cast<toplevel_parse *>(data);
     sax_keep(node, event, &p->open);
@@ -252,7 +257,7 @@ static void sax_keep_toplevel(mxml_node_t *node, mxml_sax_event_t event, void *d
     p->strays = node;
 }
 
-static void free_strays(mxml_node_t *stray)
+void free_strays(mxml_node_t *stray)
 {
     while (stray) {
         auto *next = static_cast<mxml_node_t *>(mxmlGetUserData(stray));
@@ -263,7 +268,7 @@ static void free_strays(mxml_node_t *stray)
 
 // The holder changes where top-level nodes hang, so the tree handed on
 // comes from a second parse without a top node.
-static mxml_node_t *parse_strict(const char *text)
+mxml_node_t *parse_strict(const char *text)
 {
     if (!parses_under_holder(text))
         return nullptr;
@@ -277,9 +282,19 @@ static mxml_node_t *parse_strict(const char *text)
     return x;
 }
 
+// Bytes 0xFE 0xFF or 0xFF 0xFE anywhere in a text switch Mini-XML's string
+// reader to UTF-16, and it then reads up to three bytes past the terminator:
+// such a text is parsed from a copy with four zero bytes behind it.
+size_t utf16_pad_for(const char *text)
+{
+    return strpbrk(text, "\xFE\xFF") ? 4 : 0;
+}
+
+} // namespace
+
 mxml_node_t *rpcw_parse_xml(const char *text)
 {
-    size_t pad = kd_mxml_pad_for(text);
+    size_t pad = utf16_pad_for(text);
     if (!pad)
         return parse_strict(text);
     // A copy with zero bytes behind its terminator, which Mini-XML may read.
@@ -293,7 +308,9 @@ mxml_node_t *rpcw_parse_xml(const char *text)
     return x;
 }
 
-static mxml_node_t *read_xml(reader *r)
+namespace {
+
+mxml_node_t *read_xml(reader *r)
 {
     char *text = read_text(r);
     if (!text)
@@ -305,7 +322,7 @@ static mxml_node_t *read_xml(reader *r)
     return x;
 }
 
-static void read_list(reader *r, rpc_msg *m)
+void read_list(reader *r, rpc_msg *m)
 {
     uint32_t n = read_u32(r);
     // Every element needs at least its 4-byte length: refuse absurd counts early.
@@ -324,7 +341,7 @@ static void read_list(reader *r, rpc_msg *m)
     }
 }
 
-static void read_args(reader *r, std::string_view fmt, rpc_msg *m)
+void read_args(reader *r, std::string_view fmt, rpc_msg *m)
 {
     if (fmt == "s" || fmt == "sx")
         m->s = read_text(r);
@@ -333,6 +350,8 @@ static void read_args(reader *r, std::string_view fmt, rpc_msg *m)
     if (fmt == "A{s}")
         read_list(r, m);
 }
+
+} // namespace
 
 int rpcw_decode(const uint8_t *payload, uint32_t len, const rpc_msgdesc *table, rpc_msg *out)
 {

@@ -30,17 +30,23 @@ struct alignas(std::max_align_t) block_hdr {
 };
 static_assert(sizeof(block_hdr) % alignof(std::max_align_t) == 0);
 
-tag_stat g_tags[kTags];
-tag_stat g_overflow = {"(other)", 0, 0, 0};
-size_t g_live_count;
-size_t g_live_bytes;
-long g_fail_after = -1;
+// The counts per tag (and of the tags that found no place), the live
+// totals, and the allocation a test has made fail (-1: none).
+struct slab_state {
+    tag_stat tags[kTags];
+    tag_stat overflow = {"(other)", 0, 0, 0};
+    size_t live_count;
+    size_t live_bytes;
+    long fail_after = -1;
+};
+
+slab_state g_slab;
 
 tag_stat *find_tag(const char *module, int line)
 {
     size_t h = (reinterpret_cast<uintptr_t>(module) >> 3) * 31u + static_cast<unsigned>(line);
     for (size_t i = 0; i < kTags; i++) {
-        tag_stat *t = &g_tags[(h + i) % kTags];
+        tag_stat *t = &g_slab.tags[(h + i) % kTags];
         if (t->module == module && t->line == line)
             return t;
         if (!t->module) {
@@ -49,18 +55,18 @@ tag_stat *find_tag(const char *module, int line)
             return t;
         }
     }
-    return &g_overflow;
+    return &g_slab.overflow;
 }
 
 bool injected_failure()
 {
-    if (g_fail_after < 0)
+    if (g_slab.fail_after < 0)
         return false;
-    if (g_fail_after == 0) {
-        g_fail_after = -1;
+    if (g_slab.fail_after == 0) {
+        g_slab.fail_after = -1;
         return true;
     }
-    g_fail_after--;
+    g_slab.fail_after--;
     return false;
 }
 
@@ -71,16 +77,16 @@ void account(block_hdr *h, size_t size, const char *module, int line)
     h->magic = kMagic;
     h->tag->count++;
     h->tag->bytes += size;
-    g_live_count++;
-    g_live_bytes += size;
+    g_slab.live_count++;
+    g_slab.live_bytes += size;
 }
 
 void unaccount(block_hdr *h)
 {
     h->tag->count--;
     h->tag->bytes -= h->size;
-    g_live_count--;
-    g_live_bytes -= h->size;
+    g_slab.live_count--;
+    g_slab.live_bytes -= h->size;
     h->magic = 0;
 }
 
@@ -129,8 +135,8 @@ void *slab_drealloc(void *ptr, size_t size, const char *module, int line)
         return nullptr;
     tag->count--;
     tag->bytes -= oldsize;
-    g_live_count--;
-    g_live_bytes -= oldsize;
+    g_slab.live_count--;
+    g_slab.live_bytes -= oldsize;
     account(h, size, module, line);
     return h + 1;
 }
@@ -167,26 +173,26 @@ void slab_cbcontext_free(void *ptr, const char *, int)
 void slab_dump_for_debug(const char *name)
 {
     syslog(LOG_DEBUG, "slab statistics of %s: %zu live allocations, %zu bytes",
-           name ? name : "?", g_live_count, g_live_bytes);
-    for (const tag_stat &t : g_tags) {
+           name ? name : "?", g_slab.live_count, g_slab.live_bytes);
+    for (const tag_stat &t : g_slab.tags) {
         if (t.module && t.count)
             syslog(LOG_DEBUG, "  %s:%d count=%zu bytes=%zu", t.module, t.line, t.count, t.bytes);
     }
-    if (g_overflow.count)
-        syslog(LOG_DEBUG, "  (other) count=%zu bytes=%zu", g_overflow.count, g_overflow.bytes);
+    if (g_slab.overflow.count)
+        syslog(LOG_DEBUG, "  (other) count=%zu bytes=%zu", g_slab.overflow.count, g_slab.overflow.bytes);
 }
 
-size_t slab_live_count() { return g_live_count; }
-size_t slab_live_bytes() { return g_live_bytes; }
+size_t slab_live_count() { return g_slab.live_count; }
+size_t slab_live_bytes() { return g_slab.live_bytes; }
 
 size_t slab_live_count_for(const char *module)
 {
     size_t n = 0;
-    for (const tag_stat &t : g_tags) {
+    for (const tag_stat &t : g_slab.tags) {
         if (t.module && strcmp(t.module, module) == 0)
             n += t.count;
     }
     return n;
 }
 
-void slab_fail_after(long n) { g_fail_after = n; }
+void slab_fail_after(long n) { g_slab.fail_after = n; }

@@ -24,21 +24,26 @@ struct timer_rec {
     void *param;
 };
 
-timer_rec *g_head;
-int g_last_id;
-uint64_t g_armseq = 1;
-uint64_t g_round_cutoff;
-bool g_round_open;
-
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kNsPerSec = 1000000000;
 
-int64_t (*g_clock)(void);
+// The timers in due order, the identifier and arming counters, the dispatch
+// round under way and the clock (a test's, or null for CLOCK_MONOTONIC).
+struct timeout_state {
+    timer_rec *head;
+    int last_id;
+    uint64_t armseq = 1;
+    uint64_t round_cutoff;
+    bool round_open;
+    int64_t (*clock)(void);
+};
+
+timeout_state g_timeout;
 
 int64_t now_ns()
 {
-    if (g_clock)
-        return g_clock();
+    if (g_timeout.clock)
+        return g_timeout.clock();
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * kNsPerSec + ts.tv_nsec;
@@ -53,7 +58,7 @@ int64_t later(int64_t base, int64_t delta)
 
 timer_rec *find(int id)
 {
-    for (timer_rec *t = g_head; t; t = t->next) {
+    for (timer_rec *t = g_timeout.head; t; t = t->next) {
         if (t->id == id)
             return t;
     }
@@ -65,7 +70,7 @@ void unlink_timer(timer_rec *t)
     if (t->prev)
         t->prev->next = t->next;
     else
-        g_head = t->next;
+        g_timeout.head = t->next;
     if (t->next)
         t->next->prev = t->prev;
     t->next = t->prev = nullptr;
@@ -82,9 +87,9 @@ bool runs_before(const timer_rec *a, const timer_rec *b)
 void insert_timer(timer_rec *t, int64_t due_ns)
 {
     t->due_ns = due_ns;
-    t->armseq = g_armseq++;
+    t->armseq = g_timeout.armseq++;
     timer_rec *prev = nullptr;
-    timer_rec *cur = g_head;
+    timer_rec *cur = g_timeout.head;
     while (cur && !runs_before(t, cur)) {
         prev = cur;
         cur = cur->next;
@@ -96,16 +101,16 @@ void insert_timer(timer_rec *t, int64_t due_ns)
     if (prev)
         prev->next = t;
     else
-        g_head = t;
+        g_timeout.head = t;
 }
 
 // Identifiers count up and wrap to 1, skipping any still in use.
 int next_id()
 {
     for (;;) {
-        g_last_id = (g_last_id >= INT_MAX) ? 1 : g_last_id + 1;
-        if (!find(g_last_id))
-            return g_last_id;
+        g_timeout.last_id = (g_timeout.last_id >= INT_MAX) ? 1 : g_timeout.last_id + 1;
+        if (!find(g_timeout.last_id))
+            return g_timeout.last_id;
     }
 }
 
@@ -128,7 +133,7 @@ int add_ns(timeout_cb cb, int64_t delay_ns, void *param, int repeating)
 // The first timer that may run now in this round, or null.
 timer_rec *first_runnable(int64_t now, uint64_t cutoff)
 {
-    for (timer_rec *t = g_head; t && t->due_ns <= now; t = t->next) {
+    for (timer_rec *t = g_timeout.head; t && t->due_ns <= now; t = t->next) {
         if (t->armseq < cutoff)
             return t;
     }
@@ -154,12 +159,12 @@ int timeout_init(void)
 
 void timeout_exit(void)
 {
-    while (g_head) {
-        timer_rec *t = g_head;
+    while (g_timeout.head) {
+        timer_rec *t = g_timeout.head;
         unlink_timer(t);
         kd_free(t);
     }
-    g_round_open = false;
+    g_timeout.round_open = false;
 }
 
 int timeout_add(timeout_cb cb, uint32_t seconds, void *param, int repeating)
@@ -195,9 +200,9 @@ int timeout_restartex(int id, uint32_t seconds)
 
 int timeout_next_ms(void)
 {
-    if (!g_head)
+    if (!g_timeout.head)
         return -1;
-    int64_t left = g_head->due_ns - now_ns();
+    int64_t left = g_timeout.head->due_ns - now_ns();
     if (left <= 0)
         return 0;
     // Rounded up, so that the wait never ends before the timer is due.
@@ -207,8 +212,8 @@ int timeout_next_ms(void)
 
 void timeout_round_begin(void)
 {
-    g_round_cutoff = g_armseq;
-    g_round_open = true;
+    g_timeout.round_cutoff = g_timeout.armseq;
+    g_timeout.round_open = true;
 }
 
 int timeout_run_due(void)
@@ -218,8 +223,8 @@ int timeout_run_due(void)
 
 int timeout_run_due_hook(void (*after_each)(void))
 {
-    uint64_t cutoff = g_round_open ? g_round_cutoff : g_armseq;
-    g_round_open = false;
+    uint64_t cutoff = g_timeout.round_open ? g_timeout.round_cutoff : g_timeout.armseq;
+    g_timeout.round_open = false;
     int ran = 0;
     int64_t now = now_ns();
     while (timer_rec *t = first_runnable(now, cutoff)) {
@@ -245,17 +250,17 @@ int timeout_run_due_hook(void (*after_each)(void))
 size_t timeout_count(void)
 {
     size_t n = 0;
-    for (timer_rec *t = g_head; t; t = t->next)
+    for (timer_rec *t = g_timeout.head; t; t = t->next)
         n++;
     return n;
 }
 
 void timeout_set_clock(int64_t (*now_ns)(void))
 {
-    g_clock = now_ns;
+    g_timeout.clock = now_ns;
 }
 
 void timeout_set_last_id(int id)
 {
-    g_last_id = id;
+    g_timeout.last_id = id;
 }

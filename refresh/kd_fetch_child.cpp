@@ -21,17 +21,21 @@ namespace {
 constexpr size_t kJobFields = 7;
 
 // The lines the fetch logs, sent along with its outcome.
-char g_log[KD_FETCH_LOG_MAX];
-uint32_t g_loglen = 0;
+struct child_log {
+    char text[KD_FETCH_LOG_MAX];
+    uint32_t len;
+};
+
+child_log g_log;
 
 void keep_line(int prio, const char *text)
 {
     uint32_t head[2] = {static_cast<uint32_t>(prio), static_cast<uint32_t>(strlen(text))};
-    if (head[1] > sizeof g_log - g_loglen - sizeof head)
+    if (head[1] > sizeof g_log.text - g_log.len - sizeof head)
         return; // the first lines tell why; later ones are dropped
-    memcpy(g_log + g_loglen, head, sizeof head);
-    memcpy(g_log + g_loglen + sizeof head, text, head[1]);
-    g_loglen += static_cast<uint32_t>(sizeof head) + head[1];
+    memcpy(g_log.text + g_log.len, head, sizeof head);
+    memcpy(g_log.text + g_log.len + sizeof head, text, head[1]);
+    g_log.len += static_cast<uint32_t>(sizeof head) + head[1];
 }
 
 // A whole decimal number within [lo, hi] (long long: 32-bit targets have a
@@ -143,7 +147,7 @@ int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
         return 1; // the daemon is gone: nobody to answer
     else
         code = fetch(&ctx, job.url, &resp, &res);
-    bool sent = kd_fetch_write(CHILD_RESULT_FD, code, &resp, &res, g_log, g_loglen);
+    bool sent = kd_fetch_write(CHILD_RESULT_FD, code, &resp, &res, g_log.text, g_log.len);
     kd_free(resp.start);
     kd_free(res.content_type);
     kd_free(res.location);

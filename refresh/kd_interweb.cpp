@@ -11,7 +11,6 @@
 #include <ctime>
 #include <mxml.h>
 
-#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
 #include "feed/kd_xml.h"
@@ -23,6 +22,13 @@
 #include "util/kd_log.h"
 
 namespace {
+
+void tell_nobody_overview(mxml_node_t *, kd_client *) {}
+void tell_nobody_entry(mxml_node_t *) {}
+
+constexpr kd_refresh_clients kNobody{tell_nobody_overview, tell_nobody_entry};
+
+kd_refresh_clients g_told = kNobody;
 
 // Codes of a poll that did not get as far as the items.
 constexpr int32_t KD_FEED_XML_ERROR = 4;
@@ -68,7 +74,7 @@ void adopt_title(mxml_node_t *entry, const char *url, char *title)
     if (utf8 && *utf8) {
         mxmlElementSetAttr(entry, "name", utf8);
         kd_save_config(kd_get_domain_from_node(entry));
-        kd_entry_updated(entry);
+        g_told.entry_updated(entry);
     } else {
         KD_LOG(1, LOG_ERR, "error converting string to UTF-8");
     }
@@ -112,6 +118,22 @@ void take_fetch(kd_node *feed, const char *url, int code, httpcli_buffer *resp, 
 }
 
 } // namespace
+
+void kd_refresh_register(void)
+{
+    constexpr kd_config_polls polls{kd_refresh_entry, kd_fetch_cancel};
+    kd_config_set_polls(&polls);
+}
+
+void kd_refresh_set_clients(const kd_refresh_clients *clients)
+{
+    g_told = clients ? *clients : kNobody;
+}
+
+const kd_refresh_clients &kd_refresh_told(void)
+{
+    return g_told;
+}
 
 void kd_refresh_entry(void *param, int)
 {

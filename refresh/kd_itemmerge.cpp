@@ -12,14 +12,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/kd_msg.h"
-#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "feed/kd_node.h"
 #include "feed/kd_xml.h"
 #include "platform/slab.h"
+#include "refresh/kd_interweb.h"
 #include "util/bitfield.h"
 #include "util/kd_log.h"
+#include "util/kd_text.h"
 
 namespace {
 
@@ -251,7 +251,7 @@ bool settle(merge_run &run, uint32_t i)
     bool tell = run.newcount > 0 || (!run.first_fetch && bf_count(&s->old) != bf_count(&work)) ||
                 run.counter > run.nitems;
     if (tell)
-        kd_send_overview(ref, nullptr);
+        kd_refresh_told().send_overview(ref, nullptr);
     bf_free(&work);
     if (!s || !s->known)
         return true;

@@ -42,10 +42,14 @@ int bf_grow(bitfield *f, uint32_t newlen)
     return 1;
 }
 
-static bool bf_in_range(const bitfield *f, uint32_t n)
+namespace {
+
+bool bf_in_range(const bitfield *f, uint32_t n)
 {
     return f->bits && n / 8 < f->len;
 }
+
+} // namespace
 
 void bf_set(bitfield *f, uint32_t n)
 {
@@ -107,8 +111,10 @@ void bf_copy(bitfield *dst, const bitfield *src)
     dst->len = src->len;
 }
 
+namespace {
+
 // Moves whole bytes up; the bytes left below keep their old values on purpose.
-static void bf_shift_bytes(bitfield *f, uint32_t nbytes)
+void bf_shift_bytes(bitfield *f, uint32_t nbytes)
 {
     // A distance past the whole array moves nothing (the byte count to move
     // would be negative); every byte then stays as it was, like those below.
@@ -117,7 +123,7 @@ static void bf_shift_bytes(bitfield *f, uint32_t nbytes)
     memmove(f->bits + nbytes, f->bits, f->len - nbytes);
 }
 
-static void bf_shift_bits(bitfield *f, uint32_t distance)
+void bf_shift_bits(bitfield *f, uint32_t distance)
 {
     for (uint32_t i = f->len; i-- > 0;) {
         uint32_t w = static_cast<uint32_t>(f->bits[i]) << distance;
@@ -126,6 +132,8 @@ static void bf_shift_bits(bitfield *f, uint32_t distance)
         f->bits[i] = static_cast<uint8_t>(w & 0xff);
     }
 }
+
+} // namespace
 
 void bf_shift(bitfield *f, uint32_t distance, uint32_t count)
 {
@@ -143,9 +151,11 @@ void bf_shift(bitfield *f, uint32_t distance, uint32_t count)
     f->bits[f->len - 1] &= static_cast<uint8_t>((1u << (count % 8)) - 1);
 }
 
+namespace {
+
 // A pair that is not two hexadecimal digits stores 0: an unreadable mark
 // counts as unread rather than guessing.
-static uint8_t hex_pair(const char *p)
+uint8_t hex_pair(const char *p)
 {
     int hi = kd_hex_digit(p[0]);
     int lo = kd_hex_digit(p[1]);
@@ -153,6 +163,8 @@ static uint8_t hex_pair(const char *p)
         return 0;
     return static_cast<uint8_t>(hi * 16 + lo);
 }
+
+} // namespace
 
 void bf_from_string(bitfield *f, const char *str)
 {

@@ -123,8 +123,11 @@ int main(int argc, char **argv)
         fprintf(stderr, "kelp-httpget: --show-tls: built without TLS (KELP_TLS=OFF)\n");
         return 2;
     }
-    if (o.show_tls)
-        http_tls_observer = show_tls;
+    if (o.show_tls) {
+        httpcli_hooks hooks = httpcli_default_hooks();
+        hooks.tls_observer = show_tls;
+        httpcli_set_hooks(&hooks);
+    }
     if (o.show_request)
         show_request(&ctx, o.url);
     httpcli_buffer resp = {};

@@ -29,15 +29,14 @@ protected:
         g_cmd_now_ns = 1000000000;
         timeout_set_clock(cmd_now);
         session_test::SetUp();
-        g_retry_timer = 0;
-        g_retry_wait = 0;
+        kd_internet_retry_reset();
     }
 
     void TearDown() override
     {
         session_test::TearDown();
         timeout_set_clock(nullptr);
-        g_retry_timer = 0;
+        kd_internet_retry_reset();
     }
 
     static void advance(int64_t seconds) { g_cmd_now_ns += seconds * 1000000000; }

@@ -5,6 +5,7 @@
 #pragma once
 #include "client/kd_client.h"
 #include "client/kd_msg.h"
+#include "client/kd_notify.h"
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
 #include "feed/kd_node.h"
@@ -32,6 +33,13 @@ namespace kelp_test {
 
 inline bool g_internet_up = true;
 inline int fake_internet(void) { return g_internet_up ? 1 : 0; }
+
+// The internet status the configuration sees from now on.
+inline void use_internet(int (*usable)(void))
+{
+    kd_config_hooks hooks{usable};
+    kd_config_set_hooks(&hooks);
+}
 
 // The URL of every poll's fetch since the test began.
 inline std::vector<std::string> &fetched_urls()
@@ -124,11 +132,13 @@ protected:
         ASSERT_EQ(timeout_init(), 0);
         verbosity = 4;
         g_internet_up = true;
-        kd_internet_usable = fake_internet;
+        use_internet(fake_internet);
+        kd_refresh_register();
+        kd_client_register();
         fetch_inline(unreachable_fetch);
         fetched_urls().clear();
         g_configstate = 2;
-        g_receiveddomains = 3;
+        kd_config_set_received(3);
         captured_log().clear();
         baseline = slab_live_count();
     }
@@ -148,9 +158,9 @@ protected:
         timeout_exit();
         csock_exit();
         EXPECT_EQ(slab_live_count(), baseline);
-        kd_internet_usable = fake_internet;
+        kd_config_set_hooks(nullptr);
         g_configstate = -1;
-        g_receiveddomains = 0;
+        kd_config_set_received(0);
         verbosity = 0;
     }
 

@@ -2,6 +2,7 @@
 // number buffer, tab replacement, and the message buffer's growth rule.
 #include "client/kd_msg_limits.h"
 #include "msg_fixture.h"
+#include "util/kd_text.h"
 
 #include <gtest/gtest.h>
 

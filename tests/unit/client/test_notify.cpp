@@ -194,11 +194,11 @@ TEST_F(notify, LoginWhileOfflineIsAnsweredThenToldAndStartsTheRetryWait)
     ASSERT_EQ(all.size(), 2u);
     EXPECT_EQ(all[0], "OK\tlogin\tdomain:rss\tprofile_id:1\tname:News\tfeed_id:1\tname:Radio\tfeed_id:2");
     EXPECT_EQ(all[1], "ERROR\tstatus\t20:KD_NO_INTERNET\tdomain:rss\tprofile_id:1");
-    EXPECT_GT(g_retry_timer, 0);
-    EXPECT_EQ(g_retry_wait, 30);
-    int first = g_retry_timer;
+    EXPECT_GT(kd_internet_retry_timer(), 0);
+    EXPECT_EQ(kd_internet_retry_wait(), 30);
+    int first = kd_internet_retry_timer();
     login(2);
-    EXPECT_EQ(g_retry_timer, first);
+    EXPECT_EQ(kd_internet_retry_timer(), first);
 }
 
 TEST_F(notify, RetryWaitDoublesUpToTenMinutes)
@@ -206,12 +206,12 @@ TEST_F(notify, RetryWaitDoublesUpToTenMinutes)
     merge_rss(kTwoProfiles);
     g_internet_up = false;
     login(1);
-    std::vector<int> waits{g_retry_wait};
+    std::vector<int> waits{kd_internet_retry_wait()};
     for (int i = 0; i < 6; i++) {
         advance(waits.back());
         pump();
-        waits.push_back(g_retry_wait);
-        EXPECT_TRUE(log_has_prio("still no internet - waiting another " + std::to_string(g_retry_wait) + " seconds",
+        waits.push_back(kd_internet_retry_wait());
+        EXPECT_TRUE(log_has_prio("still no internet - waiting another " + std::to_string(kd_internet_retry_wait()) + " seconds",
                                  LOG_NOTICE));
     }
     EXPECT_EQ(waits, (std::vector<int>{30, 60, 120, 240, 480, 600, 600}));
@@ -226,13 +226,13 @@ TEST_F(notify, RetryLinesNeedVerbosityTwo)
     captured_log().clear();
     advance(30);
     pump();
-    EXPECT_EQ(g_retry_wait, 60);
+    EXPECT_EQ(kd_internet_retry_wait(), 60);
     EXPECT_FALSE(log_has("still no internet - waiting another 60 seconds"));
     g_internet_up = true;
     advance(60);
     pump();
     EXPECT_FALSE(log_has("the internet is back, hooray!"));
-    EXPECT_EQ(g_retry_timer, 0);
+    EXPECT_EQ(kd_internet_retry_timer(), 0);
 }
 
 TEST_F(notify, InternetBackTellsProfilesNotYetToldAndRestartsPolls)
@@ -247,7 +247,7 @@ TEST_F(notify, InternetBackTellsProfilesNotYetToldAndRestartsPolls)
     advance(30);
     pump();
     EXPECT_TRUE(log_has_prio("the internet is back, hooray!", LOG_NOTICE));
-    EXPECT_EQ(g_retry_timer, 0);
+    EXPECT_EQ(kd_internet_retry_timer(), 0);
     EXPECT_EQ(answer(a), "OK\tstatus\tdomain:rss\tprofile_id:1");
     EXPECT_EQ(answer(b), "");
     EXPECT_EQ(profile_in(g_rssproflist, 1)->was_online, 1);

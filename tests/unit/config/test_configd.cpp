@@ -30,7 +30,7 @@ protected:
     {
         session_test::SetUp();
         g_configstate = 1;
-        g_receiveddomains = 0;
+        kd_config_set_received(0);
         ASSERT_EQ(rpc_addiface(&g_ConfigD_IfaceInfo, g_ConfigD_ParamsList, 0, 0), 0);
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
         conn = rpc_adopt_fd(fds[0], &g_ConfigD_IfaceInfo, nullptr, 0);
@@ -135,7 +135,7 @@ TEST_F(configd_session_test, RssDocumentIsTakenAndAdopted)
     EXPECT_EQ(m.x, nullptr);
     ASSERT_NE(g_rssdomain, nullptr);
     EXPECT_NE(mxmlFindElement(g_rssdomain, g_rssdomain, "pool", nullptr, nullptr, MXML_DESCEND_FIRST), nullptr);
-    EXPECT_EQ(g_receiveddomains, 1u);
+    EXPECT_EQ(kd_config_received(), 1u);
     EXPECT_EQ(g_configstate, 2);
     EXPECT_TRUE(log_has_prio("incoming config data (handle=1)", LOG_INFO));
 }
@@ -143,13 +143,13 @@ TEST_F(configd_session_test, RssDocumentIsTakenAndAdopted)
 TEST_F(configd_session_test, PodcastOnlyIsNotYetComplete)
 {
     deliver(2, kEmpty);
-    EXPECT_EQ(g_receiveddomains, 2u);
+    EXPECT_EQ(kd_config_received(), 2u);
     EXPECT_NE(g_poddomain, nullptr);
     EXPECT_EQ(g_rssdomain, nullptr);
     EXPECT_EQ(kd_config_empty(), 0);
     EXPECT_FALSE(log_has("config has no items"));
     deliver(1, kEmpty);
-    EXPECT_EQ(g_receiveddomains, 3u);
+    EXPECT_EQ(kd_config_received(), 3u);
     EXPECT_EQ(kd_config_empty(), 1);
     EXPECT_TRUE(log_has("config has no items"));
 }
@@ -161,7 +161,7 @@ TEST_F(configd_session_test, UnknownHandleIsLoggedAndLeftWithTheLibrary)
     ASSERT_NE(m.x, nullptr);
     mxmlDelete(m.x);
     EXPECT_EQ(g_rssdomain, nullptr);
-    EXPECT_EQ(g_receiveddomains, 0u);
+    EXPECT_EQ(kd_config_received(), 0u);
     EXPECT_EQ(g_configstate, 2);
 }
 
@@ -177,7 +177,7 @@ TEST_F(configd_session_test, DocumentWithoutPoolIsTakenButNotAdopted)
     deliver(2, "<?xml version=\"1.0\"?><pool/>");
     EXPECT_TRUE(log_has_prio("missing <profiles>-node in config", LOG_CRIT));
     EXPECT_EQ(g_poddomain, nullptr);
-    EXPECT_EQ(g_receiveddomains, 3u);
+    EXPECT_EQ(kd_config_received(), 3u);
 }
 
 TEST_F(configd_session_test, ErrorReplyToAFetchIsLoggedAndAnswersTheRequest)
@@ -190,7 +190,7 @@ TEST_F(configd_session_test, ErrorReplyToAFetchIsLoggedAndAnswersTheRequest)
     refuse(1, "cannot read stored document");
     EXPECT_TRUE(log_has_prio("configd refused config request (handle=1): cannot read stored document", LOG_ERR));
     EXPECT_EQ(g_configstate, 2);
-    EXPECT_EQ(g_receiveddomains, 1u);
+    EXPECT_EQ(kd_config_received(), 1u);
     EXPECT_EQ(g_rssdomain, running);
     // Read marks made since go out again.
     kd_save_config(g_rssdomain);
@@ -201,7 +201,7 @@ TEST_F(configd_session_test, ErrorReplyBeforeAnyDocumentAddsNoReceivedBit)
 {
     refuse(2, "invalid domain name");
     EXPECT_TRUE(log_has("configd refused config request (handle=2): invalid domain name"));
-    EXPECT_EQ(g_receiveddomains, 0u);
+    EXPECT_EQ(kd_config_received(), 0u);
     EXPECT_EQ(g_poddomain, nullptr);
     EXPECT_EQ(kd_config_empty(), 0);
 }
@@ -373,7 +373,7 @@ TEST_F(configd_session_test, ClosedFreesProfilesFeedsAndDocuments)
     EXPECT_EQ(g_rssdomain, nullptr);
     EXPECT_EQ(g_poddomain, nullptr);
     EXPECT_EQ(timeout_del(timer), -1);
-    EXPECT_EQ(g_receiveddomains, 3u);   // received bits are never cleared
+    EXPECT_EQ(kd_config_received(), 3u);   // received bits are never cleared
     // The connection is forgotten: a later save has nowhere to go.
     deliver(1, kDoc);
     kd_save_config(g_rssdomain);

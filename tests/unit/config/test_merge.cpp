@@ -481,9 +481,9 @@ TEST_F(merge_test, ConfigurationIsEmptyOnlyWhenCompleteWithoutItems)
     merge(&g_poddomain, &g_podproflist, empty.c_str());
     EXPECT_EQ(kd_config_empty(), 1);
     EXPECT_TRUE(log_has_prio("config has no items", LOG_INFO));
-    g_receiveddomains = 1;
+    kd_config_set_received(1);
     EXPECT_EQ(kd_config_empty(), 0);
-    g_receiveddomains = 3;
+    kd_config_set_received(3);
     g_configstate = 1;
     EXPECT_EQ(kd_config_empty(), 0);
     g_configstate = 2;

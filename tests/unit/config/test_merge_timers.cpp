@@ -43,7 +43,7 @@ TEST_F(timers_test, StartedPollRefreshesAtOnceAndThenEveryInterval)
 TEST_F(timers_test, InternetIsAskedOnlyForFeedsInUse)
 {
     merge_rss(kBase);
-    kd_internet_usable = counting_internet;
+    use_internet(counting_internet);
     g_internet_calls = 0;
     kd_refresh_timers();
     EXPECT_EQ(g_internet_calls, 0); // nobody connected: no feed in use

@@ -84,8 +84,13 @@ struct DeadlineTest : ::testing::Test {
     httpcli_buffer resp = {};
     http_result res = {};
     size_t live = slab_live_count();
-    float saved = http_fetch_deadline;
-    void SetUp() override { http_fetch_deadline = 0.4f; }
+    void SetUp() override { deadline(0.4f); }
+    static void deadline(float seconds)
+    {
+        httpcli_hooks hooks = httpcli_default_hooks();
+        hooks.fetch_deadline = seconds;
+        httpcli_set_hooks(&hooks);
+    }
     void release()
     {
         kd_free(resp.start);
@@ -97,7 +102,7 @@ struct DeadlineTest : ::testing::Test {
     }
     void TearDown() override
     {
-        http_fetch_deadline = saved;
+        httpcli_set_hooks(nullptr);
         release();
         EXPECT_EQ(slab_live_count(), live);
     }
@@ -106,7 +111,7 @@ struct DeadlineTest : ::testing::Test {
 
 TEST(FetchDeadline, DefaultIsTheNamedBound)
 {
-    EXPECT_EQ(http_fetch_deadline, HTTPCLI_FETCH_DEADLINE);
+    EXPECT_EQ(httpcli_current_hooks().fetch_deadline, HTTPCLI_FETCH_DEADLINE);
     EXPECT_EQ(HTTPCLI_FETCH_DEADLINE, 20.0f);
 }
 
@@ -180,7 +185,7 @@ TEST_F(DeadlineTest, NoTimeLeftSendsNothing)
 {
     pacing_server srv([&](int fd, int) { say(fd, "HTTP/1.1 200 OK\r\n\r\nunused"); });
     for (float d : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()}) {
-        http_fetch_deadline = d;
+        deadline(d);
         EXPECT_EQ(get(srv.url()), HTTPCLI_NO_CONNECTION) << d;
         EXPECT_EQ(http_request(&ctx, srv.url().c_str(), &resp, &res), HTTPCLI_NO_CONNECTION) << d;
         release();
@@ -200,7 +205,7 @@ TEST_F(DeadlineTest, SingleExchangeRunsOnItsOwnDeadline)
 
 TEST_F(DeadlineTest, FetchWithinTheDeadlineIsUntouched)
 {
-    http_fetch_deadline = HTTPCLI_FETCH_DEADLINE;
+    deadline(HTTPCLI_FETCH_DEADLINE);
     pacing_server srv([&](int fd, int) {
         say(fd, "HTTP/1.1 200 OK\r\n\r\nslow");
         pause_while_connected(fd, 50);

@@ -80,11 +80,11 @@ struct TlsTest : ::testing::Test {
     void SetUp() override
     {
         reports.clear();
-        http_tls_observer = record;
+        observe(HTTPCLI_FETCH_DEADLINE);
     }
     void TearDown() override
     {
-        http_tls_observer = nullptr;
+        httpcli_set_hooks(nullptr);
         slab_fail_after(-1);
         kd_free(resp.start);
         kd_free(res.location);
@@ -93,6 +93,14 @@ struct TlsTest : ::testing::Test {
         EXPECT_EQ(slab_live_count(), live);
     }
     int get(const std::string &url) { return httpcli_get(&ctx, url.c_str(), &resp, &res); }
+    // Every handshake reported to record(), every fetch given `deadline` seconds.
+    static void observe(float deadline)
+    {
+        httpcli_hooks hooks = httpcli_default_hooks();
+        hooks.tls_observer = record;
+        hooks.fetch_deadline = deadline;
+        httpcli_set_hooks(&hooks);
+    }
 };
 
 TEST(TlsChoice, HttpsDirectOnlyInAnyCase)
@@ -149,8 +157,7 @@ TEST_F(TlsTest, SilentServerEndsTheHandshakeAfterOneWait)
 
 TEST_F(TlsTest, TricklingHandshakeEndsAtTheFetchDeadline)
 {
-    float saved = http_fetch_deadline;
-    http_fetch_deadline = 0.4f;
+    observe(0.4f);
     raw_server srv([](int fd) {
         char buf[4096];
         recv(fd, buf, sizeof buf, 0); // the client's hello
@@ -166,7 +173,7 @@ TEST_F(TlsTest, TricklingHandshakeEndsAtTheFetchDeadline)
         }
     });
     EXPECT_EQ(get(srv.url()), HTTPCLI_NO_CONNECTION);
-    http_fetch_deadline = saved;
+    observe(HTTPCLI_FETCH_DEADLINE);
     ASSERT_EQ(reports.size(), 1u);
     EXPECT_NE(reports[0].find("|handshake: the fetch's deadline passed"), std::string::npos) << reports[0];
 }
