@@ -1,6 +1,7 @@
 // child: workers started as programs of their own, with one pipe back,
 // their signals at their defaults and their privileges given up first.
 #include "platform/child.h"
+#include "platform/fdio.h"
 
 #include <cerrno>
 #include <csignal>
@@ -172,15 +173,5 @@ bool child_confine(pid_t parent)
 
 bool child_write_all(int fd, const void *data, size_t n)
 {
-    const char *p = static_cast<const char *>(data);
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
+    return fdio_write_all(fd, static_cast<const char *>(data), n);
 }

@@ -154,3 +154,12 @@ int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
     kd_free(res.content_encoding);
     return sent ? 0 : 1;
 }
+
+int kd_fetch_child_main(kd_fetch_fn fetch)
+{
+    char text[KD_FETCH_JOB_MAX];
+    kd_fetch_job job{};
+    if (!kd_fetch_job_receive(text, &job))
+        return 2;
+    return kd_fetch_child_run(job, fetch);
+}

@@ -47,3 +47,7 @@ bool kd_fetch_job_receive(char *buf, kd_fetch_job *job);
 // The child's whole work on its job with `fetch` (httpcli_get in
 // kelp-fetch); its exit status, 1 when the daemon's pipe was gone.
 int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch);
+
+// A fetching program's whole life: its job from standard input, then
+// kd_fetch_child_run; the exit status, 2 when no job came.
+int kd_fetch_child_main(kd_fetch_fn fetch);

@@ -104,13 +104,20 @@ def test_a_name_server_that_never_answers_holds_nobody(ns):
         dns.close()
 
 
-def test_the_fetching_child_runs_unprivileged_with_nothing_of_the_daemons(ns):
+def one_held_fetch(ns):
+    """kelpd with one client whose one feed's server holds the request:
+    (server, kelpd's pid, client, the fetching child's pid)."""
     server = HeldServer(ns)
     _, pid = start_all(ns, doc(slow_feeds(1), profile(1, 1)))
     c = Client(ns)
     assert c.login(1).startswith("OK\tlogin\t")
     server.wait_arrivals(1)
     [child] = wait_children(ns, pid, 1)
+    return server, pid, c, child
+
+
+def test_the_fetching_child_runs_unprivileged_with_nothing_of_the_daemons(ns):
+    server, pid, c, child = one_held_fetch(ns)
     st = status(child)
     assert all(int(v) != 0 for v in st["Uid"].split()), st["Uid"]
     assert all(int(v) != 0 for v in st["Gid"].split()), st["Gid"]
@@ -147,12 +154,7 @@ def test_an_ipv6_only_host_is_fetched(ns):
 
 
 def test_a_child_killed_mid_fetch_ends_the_poll_as_no_connection(ns):
-    server = HeldServer(ns)
-    _, pid = start_all(ns, doc(slow_feeds(1), profile(1, 1)))
-    c = Client(ns)
-    assert c.login(1).startswith("OK\tlogin\t")
-    server.wait_arrivals(1)
-    [child] = wait_children(ns, pid, 1)
+    server, pid, c, child = one_held_fetch(ns)
     os.kill(child, signal.SIGKILL)
     rec = ns.syslog.wait_for("no connection to server [%sslow1]" % BASE)
     assert rec.prio == ERR

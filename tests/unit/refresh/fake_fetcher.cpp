@@ -8,11 +8,11 @@
 #include "refresh/kd_fetch_wire.h"
 #include "platform/slab.h"
 #include "util/kd_log.h"
+#include "tests/unit/refresh/descriptors.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -20,21 +20,6 @@
 namespace {
 
 const char kBody[] = "<rss><channel><item><title>K</title></item></channel></rss>";
-
-std::string descriptors_above_2()
-{
-    std::string list;
-    DIR *d = opendir("/proc/self/fd");
-    for (dirent *e; d && (e = readdir(d));) {
-        int fd = atoi(e->d_name);
-        if (e->d_name[0] == '.' || fd <= 2 || fd == dirfd(d))
-            continue;
-        list += (list.empty() ? "" : " ") + std::to_string(fd);
-    }
-    if (d)
-        closedir(d);
-    return list;
-}
 
 int serve(httpcli_buffer *resp, http_result *res)
 {

@@ -10,6 +10,7 @@
 #include "refresh/kd_fetch.h"
 #include "refresh/kd_fetch_wire.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/refresh/descriptors.h"
 #include "util/kd_log.h"
 
 #include <gtest/gtest.h>
@@ -79,22 +80,6 @@ inline size_t open_descriptors()
     if (d)
         closedir(d);
     return n;
-}
-
-// The open descriptors above standard error, as "3 5 ...".
-inline std::string descriptors_above_2()
-{
-    std::string list;
-    DIR *d = opendir("/proc/self/fd");
-    for (dirent *e; d && (e = readdir(d));) {
-        int fd = atoi(e->d_name);
-        if (e->d_name[0] == '.' || fd <= 2 || fd == dirfd(d))
-            continue;
-        list += (list.empty() ? "" : " ") + std::to_string(fd);
-    }
-    if (d)
-        closedir(d);
-    return list;
 }
 
 // A program the fetch module can start: itself, or under an emulator (cross
