@@ -61,7 +61,7 @@ for t in "${untestable[@]}"; do
   filter=$filter:$test
   notrun=$((notrun + 1))
 done
-echo "cross $arch: not checked under qemu-user: fuzz_hostile_replay's resident-set bounds (/proc reports the emulator's memory, not the parse's); its outcomes are"
+echo "cross $arch: not checked under qemu-user: fuzz_hostile_replay's resident-set bounds (/proc reports the emulator's memory, not the parse's); its outcomes are checked"
 echo "cross $arch: not run here: the system tests (system_*: real programs in network namespaces, run natively by make check)"
 rm -rf "$test_tree/gtest-xml"
 env=(KELP_UNDER_QEMU=1 "GTEST_OUTPUT=xml:$PWD/$test_tree/gtest-xml/")
