@@ -95,14 +95,6 @@ void stop_child(kd_fetch *f)
     f->pid = 0;
 }
 
-void release_result(httpcli_buffer *resp, http_result *res)
-{
-    kd_free(resp->start);
-    kd_free(res->content_type);
-    kd_free(res->location);
-    kd_free(res->content_encoding);
-}
-
 // The child's log lines, written now under the daemon's own name.
 void relay_line(int prio, const char *text)
 {
@@ -125,7 +117,7 @@ void finish(kd_fetch *f, bool answered)
         code = kd_fetch_take(&f->reader, &resp, &res);
     }
     f->done(f->feed, f->url, code, &resp, &res);
-    release_result(&resp, &res);
+    kd_fetch_release(&resp, &res);
     free_fetch(f);
     start_waiting();
 }
@@ -214,7 +206,7 @@ void run_inline(kd_fetch *f)
     http_result res{};
     int code = g_fetch.hooks.fetch(&f->ctx, f->url, &resp, &res);
     f->done(f->feed, f->url, code, &resp, &res);
-    release_result(&resp, &res);
+    kd_fetch_release(&resp, &res);
     free_fetch(f);
 }
 

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "platform/slab.h"
 #include "refresh/kd_fetch_wire.h"
 #include "util/kd_log.h"
 
@@ -148,10 +147,7 @@ int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
     else
         code = fetch(&ctx, job.url, &resp, &res);
     bool sent = kd_fetch_write(CHILD_RESULT_FD, code, &resp, &res, g_log.text, g_log.len);
-    kd_free(resp.start);
-    kd_free(res.content_type);
-    kd_free(res.location);
-    kd_free(res.content_encoding);
+    kd_fetch_release(&resp, &res);
     return sent ? 0 : 1;
 }
 

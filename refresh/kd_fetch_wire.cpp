@@ -174,3 +174,11 @@ void kd_fetch_reader_free(kd_fetch_reader *r)
         b = nullptr;
     }
 }
+
+void kd_fetch_release(httpcli_buffer *resp, http_result *res)
+{
+    kd_free(resp->start);
+    kd_free(res->content_type);
+    kd_free(res->location);
+    kd_free(res->content_encoding);
+}

@@ -58,3 +58,7 @@ int kd_fetch_take(kd_fetch_reader *r, httpcli_buffer *resp, http_result *res);
 // Calls fn for each log record of a complete message, in order.
 void kd_fetch_each_log(const kd_fetch_reader *r, void (*fn)(int prio, const char *text));
 void kd_fetch_reader_free(kd_fetch_reader *r);
+
+// Frees a result's body and headers, the fetch's own in the child or those
+// kd_fetch_take handed over in the daemon.
+void kd_fetch_release(httpcli_buffer *resp, http_result *res);
