@@ -8,12 +8,10 @@
 #include "config/kd_config.h"
 #include "config/kd_config_state.h"
 #include "config/kd_merge.h"
-#include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/kd_paths.h"
 #include "platform/rpc_configd.h"
 #include "platform/slab.h"
-#include "platform/timeout.h"
 #include "util/kd_log.h"
 
 int32_t g_configstate = KD_CONFIG_NONE;
@@ -155,15 +153,8 @@ void free_domain(mxml_node_t **slot)
     if (!root)
         return;
     mxml_node_t *pool = kd_pool_of(root);
-    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool)) {
-        auto *feed = static_cast<kd_node *>(mxmlGetUserData(e));
-        // A poll left running would fire on a freed record.
-        if (feed && feed->timer > 0)
-            timeout_del(feed->timer);
-        kd_polls().cancel(feed); // its answer would come for a freed record
-        kdn_free_feed(feed);
-        mxmlSetUserData(e, nullptr);
-    }
+    for (mxml_node_t *e = kd_first_entry(pool); e; e = kd_next_entry(e, pool))
+        kd_free_entry_feed(e);
     mxmlDelete(root);
     *slot = nullptr;
 }

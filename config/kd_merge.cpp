@@ -191,17 +191,8 @@ void merge_items(mxml_node_t *profiles, mxml_node_t *pool, mxml_node_t *old_pool
 // Feeds of the old document that no new item took over are freed.
 void free_unreferenced(mxml_node_t *old_pool)
 {
-    for (mxml_node_t *e = first_child(old_pool, "entry"); e; e = next_sibling(e, old_pool, "entry")) {
-        kd_node *n = node_of(e);
-        if (!n)
-            continue;
-        if (n->timer > 0)
-            timeout_del(n->timer);
-        n->timer = 0;
-        kd_polls().cancel(n);
-        kdn_free_feed(n);
-        mxmlSetUserData(e, nullptr);
-    }
+    for (mxml_node_t *e = first_child(old_pool, "entry"); e; e = next_sibling(e, old_pool, "entry"))
+        kd_free_entry_feed(e);
 }
 
 // Existing records move to the new element with their "id", or become placeholders.
@@ -296,4 +287,17 @@ void kd_config_merge(mxml_node_t **slot, kd_profile **list, mxml_node_t *newdoc)
         mxmlDelete(*slot);
     *slot = newdoc;
     kd_refresh_domain_timers(newdoc);
+}
+
+void kd_free_entry_feed(mxml_node_t *entry)
+{
+    kd_node *n = node_of(entry);
+    if (!n)
+        return;
+    if (n->timer > 0)
+        timeout_del(n->timer);
+    n->timer = 0;
+    kd_polls().cancel(n);
+    kdn_free_feed(n);
+    mxmlSetUserData(entry, nullptr);
 }
