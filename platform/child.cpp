@@ -143,7 +143,10 @@ void child_end(pid_t pid)
 {
     if (pid <= 0)
         return;
-    // Still ours while waitpid reports it unreaped: the pid cannot be reused.
+    // Skips a child that has already ended. SIGCHLD is ignored, so the
+    // kernel reaps a child the moment it exits: one that exits between this
+    // check and the kill leaves its pid free for a few microseconds, and only
+    // a whole turn of the pid space in that span could misdirect the signal.
     if (waitpid(pid, nullptr, WNOHANG) != 0)
         return; // reaped just now, or already gone
     kill(pid, SIGKILL);
