@@ -45,10 +45,7 @@ void check_taken(kd_fetch_reader *r)
     FUZZ_CHECK(!resp.start || resp.size == resp.len + 1);
     for (char *s : {res.content_type, res.location, res.content_encoding})
         FUZZ_CHECK(!s || strlen(s) <= KD_FETCH_PART_MAX);
-    kd_free(resp.start);
-    kd_free(res.content_type);
-    kd_free(res.location);
-    kd_free(res.content_encoding);
+    kd_fetch_release(&resp, &res);
 }
 
 } // namespace
