@@ -184,11 +184,7 @@ bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, opml_l
         f.name = tidy_title(attr(o, "text"));
     if (f.name.empty())
         f.name = f.url;
-    std::string bad = doc_check_url(f.url.c_str());
-    if (bad.empty())
-        bad = doc_check_name(f.name.c_str());
-    if (bad.empty() && !f.poll.empty())
-        bad = doc_check_poll(f.poll.c_str());
+    std::string bad = fe_check_feed(f.url.c_str(), f.name.c_str(), f.poll.empty() ? nullptr : f.poll.c_str());
     if (!bad.empty()) {
         *why = "outline " + std::to_string(number) + ": " + bad;
         return false;
@@ -214,12 +210,13 @@ bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size
             continue;
         }
         std::string inner = mxmlElementGetAttr(o, ATTR_PROFILE) ? attr(o, ATTR_PROFILE) : profile;
-        if (inner != profile && !doc_check_profile_id(inner.c_str()).empty()) {
-            *why = "outline " + std::to_string(*number) + ": " + doc_check_profile_id(inner.c_str());
-            return false;
-        }
-        if (inner != profile)
+        if (inner != profile) {
+            if (std::string bad = doc_check_profile_id(inner.c_str()); !bad.empty()) {
+                *why = "outline " + std::to_string(*number) + ": " + bad;
+                return false;
+            }
             out->profiles.push_back(inner);
+        }
         if (!collect(o, inner, depth + 1, number, out, why))
             return false;
     }
