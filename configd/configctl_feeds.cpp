@@ -97,12 +97,6 @@ void print_table(const std::vector<std::vector<std::string>> &rows)
     }
 }
 
-std::string attr(mxml_node_t *n, const char *name, const char *dflt = "")
-{
-    const char *v = mxmlElementGetAttr(n, name);
-    return v ? v : dflt;
-}
-
 } // namespace
 
 int ctl_feeds(int argc, char **argv)
@@ -118,10 +112,11 @@ int ctl_feeds(int argc, char **argv)
         return ctl_fail("feeds %s: %s", argv[0], why.c_str());
     std::vector<std::vector<std::string>> rows{{"ID", "NAME", "URL", "POLL", "PROFILES"}};
     for (mxml_node_t *e : doc_children(doc_child(doc.get(), "pool"), "entry")) {
-        std::string id = attr(e, "id"), profiles;
+        std::string id = doc_attr(e, "id"), profiles;
         for (const std::string &p : doc_subscribers(doc.get(), id.c_str()))
             profiles += (profiles.empty() ? "" : ",") + p;
-        rows.push_back({id, attr(e, "name"), attr(e, "url"), attr(e, "poll", "-"), profiles.empty() ? "-" : profiles});
+        rows.push_back(
+            {id, doc_attr(e, "name"), doc_attr(e, "url"), doc_attr(e, "poll", "-"), profiles.empty() ? "-" : profiles});
     }
     print_table(rows);
     return 0;

@@ -9,10 +9,9 @@
 #include "configd/opml.h"
 #include "configd/store.h"
 
-// The largest OPML file configctl reads.
-
 namespace {
 
+// The largest OPML file configctl reads.
 constexpr size_t OPML_MAX_BYTES = 8 << 20;
 // The one option of both commands.
 const char *const g_profile_option[] = {"profile", nullptr};

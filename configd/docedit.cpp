@@ -23,6 +23,12 @@ bool is_blank(mxml_node_t *n)
 
 } // namespace
 
+std::string doc_attr(mxml_node_t *n, const char *name, const char *dflt)
+{
+    const char *v = mxmlElementGetAttr(n, name);
+    return v ? v : dflt;
+}
+
 std::vector<mxml_node_t *> doc_children(mxml_node_t *parent, const char *name)
 {
     std::vector<mxml_node_t *> out;

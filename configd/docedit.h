@@ -23,6 +23,9 @@ mxml_node_t *doc_entry(mxml_node_t *root, const char *id);
 mxml_node_t *doc_entry_by_url(mxml_node_t *root, const char *url);
 mxml_node_t *doc_profile(mxml_node_t *root, const char *id);
 
+// An attribute's value, or `dflt` when the element lacks it.
+std::string doc_attr(mxml_node_t *n, const char *name, const char *dflt = "");
+
 // The profile ids that subscribe a feed, in document order.
 std::vector<std::string> doc_subscribers(mxml_node_t *root, const char *id);
 // The "item" elements below a profile, in document order.

@@ -3,16 +3,6 @@
 #include "configd/feededit.h"
 #include "configd/docedit.h"
 
-namespace {
-
-std::string attr(mxml_node_t *n, const char *name)
-{
-    const char *v = mxmlElementGetAttr(n, name);
-    return v ? v : "";
-}
-
-} // namespace
-
 std::string fe_check_feed(const char *url, const char *name, const char *poll)
 {
     std::string why = url ? doc_check_url(url) : "";
@@ -39,7 +29,7 @@ bool url_free(mxml_node_t *doc, const char *url, mxml_node_t *self, std::string 
 {
     mxml_node_t *e = doc_entry_by_url(doc, url);
     if (e && e != self)
-        *why = "feed " + attr(e, "id") + " has that URL already";
+        *why = "feed " + doc_attr(e, "id") + " has that URL already";
     return !e || e == self;
 }
 

@@ -37,19 +37,13 @@ std::string escape(std::string_view s)
     return out;
 }
 
-std::string attr(mxml_node_t *n, const char *name)
-{
-    const char *v = mxmlElementGetAttr(n, name);
-    return v ? v : "";
-}
-
 std::string feed_outline(mxml_node_t *entry, const std::string &indent)
 {
-    std::string name = escape(attr(entry, "name"));
+    std::string name = escape(doc_attr(entry, "name"));
     std::string out = indent + "<outline type=\"rss\" text=\"" + name + "\" title=\"" + name + "\" xmlUrl=\"" +
-                      escape(attr(entry, "url")) + "\"";
+                      escape(doc_attr(entry, "url")) + "\"";
     if (mxmlElementGetAttr(entry, "poll"))
-        out += std::string(" ") + ATTR_POLL + "=\"" + escape(attr(entry, "poll")) + "\"";
+        out += std::string(" ") + ATTR_POLL + "=\"" + escape(doc_attr(entry, "poll")) + "\"";
     return out + " />\n";
 }
 
@@ -68,7 +62,7 @@ std::vector<mxml_node_t *> profile_feeds(mxml_node_t *doc, mxml_node_t *profile)
 
 std::string profile_category(mxml_node_t *doc, mxml_node_t *profile)
 {
-    std::string id = escape(attr(profile, "id"));
+    std::string id = escape(doc_attr(profile, "id"));
     std::string out = "    <outline text=\"Profile " + id + "\" title=\"Profile " + id + "\" " + ATTR_PROFILE + "=\"" +
                       id + "\">\n";
     for (mxml_node_t *e : profile_feeds(doc, profile))
@@ -94,7 +88,8 @@ std::string all_outlines(mxml_node_t *doc)
 
 std::string opml_export(mxml_node_t *doc, const char *domain, mxml_node_t *profile)
 {
-    std::string title = std::string("Feeds of domain ") + domain + (profile ? " for profile " + attr(profile, "id") : "");
+    std::string title =
+        std::string("Feeds of domain ") + domain + (profile ? " for profile " + doc_attr(profile, "id") : "");
     std::string body;
     if (profile)
         for (mxml_node_t *e : profile_feeds(doc, profile))
@@ -179,16 +174,12 @@ std::string tidy_title(const std::string &s)
 
 bool take_feed(mxml_node_t *o, const std::string &profile, size_t number, opml_list *out, std::string *why)
 {
-    opml_feed f{attr(o, "xmlUrl"), tidy_title(attr(o, "title")), attr(o, ATTR_POLL), profile};
+    opml_feed f{doc_attr(o, "xmlUrl"), tidy_title(doc_attr(o, "title")), doc_attr(o, ATTR_POLL), profile};
     if (f.name.empty())
-        f.name = tidy_title(attr(o, "text"));
+        f.name = tidy_title(doc_attr(o, "text"));
     if (f.name.empty())
         f.name = f.url;
-    std::string bad = doc_check_url(f.url.c_str());
-    if (bad.empty())
-        bad = doc_check_name(f.name.c_str());
-    if (bad.empty() && !f.poll.empty())
-        bad = doc_check_poll(f.poll.c_str());
+    std::string bad = fe_check_feed(f.url.c_str(), f.name.c_str(), f.poll.empty() ? nullptr : f.poll.c_str());
     if (!bad.empty()) {
         *why = "outline " + std::to_string(number) + ": " + bad;
         return false;
@@ -213,13 +204,14 @@ bool collect(mxml_node_t *parent, const std::string &profile, size_t depth, size
                 return false;
             continue;
         }
-        std::string inner = mxmlElementGetAttr(o, ATTR_PROFILE) ? attr(o, ATTR_PROFILE) : profile;
-        if (inner != profile && !doc_check_profile_id(inner.c_str()).empty()) {
-            *why = "outline " + std::to_string(*number) + ": " + doc_check_profile_id(inner.c_str());
-            return false;
-        }
-        if (inner != profile)
+        std::string inner = doc_attr(o, ATTR_PROFILE, profile.c_str());
+        if (inner != profile) {
+            if (std::string bad = doc_check_profile_id(inner.c_str()); !bad.empty()) {
+                *why = "outline " + std::to_string(*number) + ": " + bad;
+                return false;
+            }
             out->profiles.push_back(inner);
+        }
         if (!collect(o, inner, depth + 1, number, out, why))
             return false;
     }
@@ -277,12 +269,12 @@ void import_feed(mxml_node_t *doc, const opml_feed &f, const char *profile, impo
         t->out += "added feed " + id + ": " + f.name + " <" + f.url + ">\n";
     } else if (std::find(t->seen.begin(), t->seen.end(), e) == t->seen.end()) {
         t->skipped++;
-        t->out += "skipped " + f.url + " (already in the pool as feed " + attr(e, "id") + ")\n";
+        t->out += "skipped " + f.url + " (already in the pool as feed " + doc_attr(e, "id") + ")\n";
     }
     t->seen.push_back(e);
     std::string pid = profile ? profile : f.profile;
     if (!pid.empty())
-        doc_subscribe(find_or_add_profile(doc, pid, t), attr(e, "id").c_str());
+        doc_subscribe(find_or_add_profile(doc, pid, t), doc_attr(e, "id").c_str());
 }
 
 } // namespace

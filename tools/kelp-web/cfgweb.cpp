@@ -235,20 +235,14 @@ void append_profile_ids(std::string *json, const std::vector<std::string> &ids)
     json->push_back(']');
 }
 
-std::string attr(mxml_node_t *n, const char *name)
-{
-    const char *v = mxmlElementGetAttr(n, name);
-    return v ? v : "";
-}
-
 void append_feed(std::string *json, mxml_node_t *doc, mxml_node_t *e)
 {
-    std::string id = attr(e, "id");
+    std::string id = doc_attr(e, "id");
     *json += "{\"id\":";
     json_append_string(json, id);
     for (const char *key : {"name", "url", "poll"}) {
         *json += ",\"" + std::string(key) + "\":";
-        json_append_string(json, attr(e, key));
+        json_append_string(json, doc_attr(e, key));
     }
     *json += ",\"profiles\":";
     append_profile_ids(json, doc_subscribers(doc, id.c_str()));
@@ -263,7 +257,7 @@ std::string config_list_json(mxml_node_t *doc, std::string_view domain)
     json_append_string(&json, domain);
     std::vector<std::string> ids;
     for (mxml_node_t *p : doc_children(doc_child(doc, "profiles"), "profile"))
-        ids.push_back(attr(p, "id"));
+        ids.push_back(doc_attr(p, "id"));
     json += ",\"profiles\":";
     append_profile_ids(&json, ids);
     json += ",\"feeds\":[";
@@ -286,7 +280,7 @@ bool config_unchanged(mxml_node_t *doc, const std::vector<json_member> &obj, std
     }
     for (const char *key : {"url", "name", "poll"}) {
         std::optional<std::string> was = text_of(obj, std::string("was_") + key);
-        if (was && *was != attr(e, key)) {
+        if (was && *was != doc_attr(e, key)) {
             *why = "someone else changed feed " + id + " meanwhile: reload and try again";
             return false;
         }
