@@ -36,8 +36,9 @@ void default_signals(posix_spawnattr_t *attr)
     posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
-// A pipe already holding the job, closed behind it: the worker's input.
-int job_pipe(const void *job, size_t n)
+// A pipe already holding the job: the worker's input. Its write end is
+// closed behind the job, or kept in *more for the rest.
+int job_pipe(const void *job, size_t n, int *more)
 {
     if (n > PIPE_BUF) {
         errno = E2BIG;
@@ -48,13 +49,35 @@ int job_pipe(const void *job, size_t n)
         return -1;
     ssize_t w = write(p[1], job, n);
     int err = errno;
-    close(p[1]);
+    if (w != static_cast<ssize_t>(n) || !more)
+        close(p[1]);
     if (w != static_cast<ssize_t>(n)) {
         close(p[0]);
         errno = w < 0 ? err : EIO;
         return -1;
     }
+    if (more)
+        *more = p[1];
     return p[0];
+}
+
+// A write to a pipe whose reader has gone raises SIGPIPE; held back here and
+// taken if it came, the write just fails with EPIPE.
+ssize_t write_quietly(int fd, const void *data, size_t n)
+{
+    sigset_t pipe_only, old;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &pipe_only, &old);
+    ssize_t w = write(fd, data, n);
+    int err = errno;
+    const timespec now = {0, 0};
+    if (w < 0 && err == EPIPE)
+        while (sigtimedwait(&pipe_only, nullptr, &now) < 0 && errno == EINTR) {
+        }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    errno = err;
+    return w;
 }
 
 // Only the two pipes go along: no client, listener, configd session or the
@@ -109,34 +132,42 @@ bool child_beside_self(const char *name, char *buf, size_t size)
     return true;
 }
 
-pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd)
+pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd, int *more)
 {
     // Not every posix_spawn reports a failed exec (emulators, old kernels
     // run it in a child of its own): a missing program is named here.
     if (access(path, X_OK) != 0)
         return -1;
-    int in = job_pipe(job, n);
+    int rest = -1;
+    int in = job_pipe(job, n, more ? &rest : nullptr);
     if (in < 0)
         return -1;
-    int p[2];
-    if (pipe2(p, O_CLOEXEC) != 0) {
-        int err = errno;
-        close(in);
-        errno = err;
-        return -1;
-    }
+    int p[2] = {-1, -1};
     pid_t pid = -1;
-    int err = spawn_with_pipes(path, in, p[1], &pid);
+    int err = pipe2(p, O_CLOEXEC) != 0 ? errno : spawn_with_pipes(path, in, p[1], &pid);
     close(in);
-    close(p[1]);
+    if (p[1] >= 0)
+        close(p[1]);
     if (err != 0) {
-        close(p[0]);
+        if (p[0] >= 0)
+            close(p[0]);
+        if (rest >= 0)
+            close(rest);
         errno = err;
         return -1;
     }
     fcntl(p[0], F_SETFL, O_NONBLOCK);
     *rfd = p[0];
+    if (more)
+        *more = rest;
     return pid;
+}
+
+bool child_send_rest(int more, const void *rest, size_t n)
+{
+    bool sent = n <= PIPE_BUF && write_quietly(more, rest, n) == static_cast<ssize_t>(n);
+    close(more);
+    return sent;
 }
 
 void child_end(pid_t pid)

@@ -29,8 +29,16 @@ bool child_beside_self(const char *name, char *buf, size_t size);
 // Starts the program at `path` (no arguments, the daemon's environment)
 // with the n bytes of `job` on its standard input (at most PIPE_BUF, which a
 // pipe always holds); returns its pid, with the result pipe's read end
-// (non-blocking, close-on-exec) in *rfd, or -1 with errno set.
-pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd);
+// (non-blocking, close-on-exec) in *rfd, or -1 with errno set. With `more`,
+// the input stays open for the rest of the job: *more is its write end
+// (close-on-exec), for child_send_rest.
+pid_t child_spawn(const char *path, const void *job, size_t n, int *rfd, int *more = nullptr);
+
+// Writes the rest of a job (at most PIPE_BUF bytes) to the input child_spawn
+// left open, and closes it. A worker that has died meanwhile makes it
+// return false, never a SIGPIPE (the daemon leaves that signal at its
+// default).
+bool child_send_rest(int more, const void *rest, size_t n);
 
 // Ends a worker: kills it while it still runs (a worker that closed its
 // pipe and went on is killed too) and waits until the kernel has reaped it,
