@@ -12,6 +12,7 @@
 #include "platform/slab.h"
 #include "platform/timeout.h"
 #include "refresh/kd_fetch_child.h"
+#include "refresh/kd_fetch_spare.h"
 #include "refresh/kd_fetch_wire.h"
 #include "util/kd_log.h"
 
@@ -102,6 +103,7 @@ void relay_line(int prio, const char *text)
 }
 
 void start_waiting();
+void want_spare();
 
 // The fetch has ended, well (a complete answer) or not: the poll goes on.
 void finish(kd_fetch *f, bool answered)
@@ -120,6 +122,7 @@ void finish(kd_fetch *f, bool answered)
     kd_fetch_release(&resp, &res);
     free_fetch(f);
     start_waiting();
+    want_spare();
 }
 
 // Reads what the pipe holds; the answer counts once the child has closed
@@ -171,18 +174,37 @@ const char *program()
     return g_fetch.program;
 }
 
-// Starts f's child; 0, or the reason it could not be started.
+// Hands f's job to the spare, or starts a child for it; 0, or the reason
+// no child could be started.
 int start_child(kd_fetch *f, const char *prog)
 {
     if (!prog)
         return ENOENT;
     kd_fetch_job job{f->url, f->ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
     char text[KD_FETCH_JOB_MAX];
-    size_t len = kd_fetch_job_write(job, text, sizeof text);
-    if (len == 0)
+    size_t who = kd_fetch_who_write(job, text, sizeof text);
+    size_t what = who ? kd_fetch_what_write(job, text + who, sizeof text - who) : 0;
+    if (what == 0)
         return E2BIG; // an absurdly long URL
-    f->pid = child_spawn(prog, text, len, &f->fd);
+    if (!kd_spare_take(prog, text + who, what, &f->pid, &f->fd))
+        f->pid = child_spawn(prog, text, who + what, &f->fd);
     return f->pid < 0 ? errno : 0;
+}
+
+// Asks for a spare child once a fetch has ended: started while fetches run,
+// its start would take the processors from them.
+void want_spare()
+{
+    const char *prog = program();
+    if (!prog || g_fetch.hooks.inline_fetch || (geteuid() == 0 && !g_fetch.have_account))
+        return;
+    kd_fetch_job job{};
+    job.parent = getpid();
+    job.become = geteuid() == 0;
+    job.account = g_fetch.account;
+    char who[64];
+    if (size_t n = kd_fetch_who_write(job, who, sizeof who))
+        kd_spare_want(prog, who, n, g_fetch.hooks.spare_idle_ms);
 }
 
 bool spawn(kd_fetch *f)
@@ -274,11 +296,12 @@ bool already_under_way(const kd_node *feed, const char *url)
 kd_fetch_hooks kd_fetch_default_hooks(void)
 {
     return kd_fetch_hooks{nullptr, nullptr, false, static_cast<uint32_t>(HTTPCLI_FETCH_DEADLINE * 1000),
-                          KELP_FETCH_USER};
+                          KELP_FETCH_USER, KD_FETCH_SPARE_IDLE_MS};
 }
 
 void kd_fetch_set_hooks(const kd_fetch_hooks *hooks)
 {
+    kd_spare_end(); // started for the program and account of the old hooks
     g_fetch.hooks = hooks ? *hooks : kd_fetch_default_hooks();
     g_fetch.have_account = false;
 }
@@ -316,6 +339,7 @@ void kd_fetch_cancel(const kd_node *feed)
 
 void kd_fetch_cancel_all(void)
 {
+    kd_spare_end();
     while (kd_fetch *w = g_fetch.waiting) {
         unlink_from(&g_fetch.waiting, w);
         free_fetch(w);

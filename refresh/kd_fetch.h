@@ -5,7 +5,8 @@
 // KD_FETCH_PARALLEL fetches run at once; polls that fall due beyond that wait
 // in the order they fell due. The loop reads a child's answer without
 // blocking, kills a child that has not answered within the fetch's deadline,
-// and then hands the outcome to the poll's second half.
+// and then hands the outcome to the poll's second half. While polls come, a
+// spare child waits for the next one (refresh/kd_fetch_spare.h).
 #pragma once
 #include <cstdint>
 
@@ -39,6 +40,9 @@ struct kd_fetch_hooks {
     // The unprivileged account fetches run as when the daemon is root: the
     // build's KELP_FETCH_USER, "nobody" unless it names another.
     const char *account;
+    // How long a spare child waits for a poll (KD_FETCH_SPARE_IDLE_MS); 0:
+    // no spare, every fetch starts its own child.
+    uint32_t spare_idle_ms;
 };
 void kd_fetch_set_hooks(const kd_fetch_hooks *hooks);
 kd_fetch_hooks kd_fetch_default_hooks(void);
@@ -53,7 +57,7 @@ void kd_fetch_start(kd_node *feed, const char *url, const httpcli_ctx &ctx, kd_f
 // reported. Called before a feed record is freed or its poll stops.
 void kd_fetch_cancel(const kd_node *feed);
 
-// Drops every fetch and waits until every child has gone.
+// Drops every fetch and the spare child, and waits until every child has gone.
 void kd_fetch_cancel_all(void);
 
 // For tests and diagnostics.

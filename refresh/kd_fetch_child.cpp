@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <netdb.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "refresh/kd_fetch_wire.h"
@@ -16,7 +18,8 @@
 
 namespace {
 
-// URL, TIMEOUT, DEBUG, VERBOSITY, PARENT, UID, GID.
+// PARENT, UID, GID; then URL, TIMEOUT, DEBUG, VERBOSITY.
+constexpr size_t kWhoFields = 3;
 constexpr size_t kJobFields = 7;
 
 // The lines the fetch logs, sent along with its outcome.
@@ -72,66 +75,152 @@ bool read_account(const char *uid, const char *gid, kd_fetch_job *job)
     return true;
 }
 
+// The fields of text, each ended by a NUL, into field[]: their count, or
+// SIZE_MAX when there are more than max.
+size_t split(const char *text, size_t len, const char **field, size_t max)
+{
+    size_t n = 0;
+    for (size_t start = 0, i = 0; i < len; i++) {
+        if (text[i] != '\0')
+            continue;
+        if (n == max)
+            return SIZE_MAX;
+        field[n++] = text + start;
+        start = i + 1;
+    }
+    return n;
+}
+
+bool read_who(const char *const *field, kd_fetch_job *job)
+{
+    long long parent;
+    if (!read_number(field[0], 1, INT32_MAX, &parent) || !read_account(field[1], field[2], job))
+        return false;
+    job->parent = static_cast<pid_t>(parent);
+    return true;
+}
+
+size_t written(int n, size_t size)
+{
+    return n > 0 && static_cast<size_t>(n) < size ? static_cast<size_t>(n) : 0;
+}
+
+// The job's bytes read so far from standard input.
+struct intake {
+    char *buf;
+    size_t len;
+};
+
+// One read of whatever has come; *ended at the end of the input.
+bool read_some(intake *in, bool *ended)
+{
+    for (;;) {
+        ssize_t n = read(0, in->buf + in->len, KD_FETCH_JOB_MAX - in->len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        *ended = n == 0;
+        in->len += static_cast<size_t>(n);
+        return true;
+    }
+}
+
+// Reads until the first `fields` fields have ended.
+bool read_fields(intake *in, size_t fields)
+{
+    const char *field[kJobFields];
+    bool ended = false;
+    while (split(in->buf, in->len, field, kJobFields) < fields)
+        if (ended || in->len == KD_FETCH_JOB_MAX || !read_some(in, &ended))
+            return false;
+    return true;
+}
+
+// Reads until the daemon ends the input; false when it holds more than a job.
+bool read_to_end(intake *in)
+{
+    bool ended = false;
+    while (!ended) {
+        char more;
+        if (in->len == KD_FETCH_JOB_MAX)
+            return read(0, &more, 1) <= 0;
+        if (!read_some(in, &ended))
+            return false;
+    }
+    return true;
+}
+
+// True when the rest of the job (or the end of the input) is there to read.
+bool job_has_come()
+{
+    pollfd in = {0, POLLIN, 0};
+    return poll(&in, 1, 0) != 0;
+}
+
+// A process's first name lookup reads the name service's and the resolver's
+// configuration, which costs half a millisecond and more; a child started
+// ahead of need does that while it waits. Nothing goes on the network.
+void ready_name_service()
+{
+    sethostent(0);
+    endhostent();
+}
+
 } // namespace
 
-size_t kd_fetch_job_write(const kd_fetch_job &job, char *buf, size_t size)
+size_t kd_fetch_who_write(const kd_fetch_job &job, char *buf, size_t size)
 {
     char uid[16] = "-", gid[16] = "-";
     if (job.become) {
         snprintf(uid, sizeof uid, "%u", static_cast<unsigned>(job.account.uid));
         snprintf(gid, sizeof gid, "%u", static_cast<unsigned>(job.account.gid));
     }
-    int n = snprintf(buf, size, "%s%c%.6g%c%d%c%u%c%d%c%s%c%s%c", job.url, 0, static_cast<double>(job.ctx.timeout),
-                     0, static_cast<int>(job.ctx.debug), 0, static_cast<unsigned>(job.verbosity), 0,
-                     static_cast<int>(job.parent), 0, uid, 0, gid, 0);
-    return n > 0 && static_cast<size_t>(n) < size ? static_cast<size_t>(n) : 0;
+    return written(snprintf(buf, size, "%d%c%s%c%s%c", static_cast<int>(job.parent), 0, uid, 0, gid, 0), size);
+}
+
+size_t kd_fetch_what_write(const kd_fetch_job &job, char *buf, size_t size)
+{
+    return written(snprintf(buf, size, "%s%c%.6g%c%d%c%u%c", job.url, 0, static_cast<double>(job.ctx.timeout), 0,
+                            static_cast<int>(job.ctx.debug), 0, static_cast<unsigned>(job.verbosity), 0),
+                   size);
 }
 
 bool kd_fetch_job_read(const char *text, size_t len, kd_fetch_job *job)
 {
     const char *field[kJobFields];
-    size_t n = 0;
-    for (size_t start = 0, i = 0; i < len; i++) {
-        if (text[i] != '\0')
-            continue;
-        if (n == kJobFields)
-            return false; // more than a job
-        field[n++] = text + start;
-        start = i + 1;
-    }
-    if (n != kJobFields || len == 0 || text[len - 1] != '\0')
+    if (split(text, len, field, kJobFields) != kJobFields || text[len - 1] != '\0')
         return false;
-    long long debug, verb, parent;
-    if (!read_timeout(field[1], &job->ctx.timeout) || !read_number(field[2], INT32_MIN, INT32_MAX, &debug) ||
-        !read_number(field[3], 0, UINT32_MAX, &verb) || !read_number(field[4], 1, INT32_MAX, &parent) ||
-        !read_account(field[5], field[6], job))
+    long long debug, verb;
+    if (!read_who(field, job) || !read_timeout(field[4], &job->ctx.timeout) ||
+        !read_number(field[5], INT32_MIN, INT32_MAX, &debug) || !read_number(field[6], 0, UINT32_MAX, &verb))
         return false;
-    job->url = field[0];
+    job->url = field[3];
     job->ctx.proxy = nullptr;
     job->ctx.proxy_port = 0;
     job->ctx.debug = static_cast<int32_t>(debug);
     job->verbosity = static_cast<uint32_t>(verb);
-    job->parent = static_cast<pid_t>(parent);
     return true;
 }
 
-bool kd_fetch_job_receive(char *buf, kd_fetch_job *job)
+int kd_fetch_child_start(char *buf, kd_fetch_job *job, int *dropped)
 {
-    size_t len = 0;
-    for (ssize_t n; len < KD_FETCH_JOB_MAX && (n = read(0, buf + len, KD_FETCH_JOB_MAX - len)) != 0; ) {
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return false;
-        len += static_cast<size_t>(n);
-    }
-    char more;
-    if (len == KD_FETCH_JOB_MAX && read(0, &more, 1) > 0)
-        return false; // longer than any job
-    return kd_fetch_job_read(buf, len, job);
+    intake in{buf, 0};
+    const char *field[kJobFields];
+    if (!read_fields(&in, kWhoFields) || split(in.buf, in.len, field, kJobFields) == SIZE_MAX ||
+        !read_who(field, job))
+        return 2;
+    *dropped = job->become ? child_drop_privileges(&job->account) : 0;
+    if (*dropped == 0 && !child_confine(job->parent))
+        return 1; // the daemon is gone: nobody to answer
+    if (*dropped == 0 && !job_has_come())
+        ready_name_service();
+    if (!read_to_end(&in) || !kd_fetch_job_read(buf, in.len, job))
+        return 2;
+    return 0;
 }
 
-int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
+int kd_fetch_child_run(const kd_fetch_job &job, int dropped, kd_fetch_fn fetch)
 {
     kd_log_set_sink(keep_line);
     verbosity = job.verbosity;
@@ -139,11 +228,8 @@ int kd_fetch_child_run(const kd_fetch_job &job, kd_fetch_fn fetch)
     http_result res{};
     httpcli_ctx ctx = job.ctx;
     int code = HTTPCLI_NO_CONNECTION;
-    int err = job.become ? child_drop_privileges(&job.account) : 0;
-    if (err)
-        KD_LOG(1, LOG_ERR, "unable to drop privileges to fetch %s: %s", job.url, strerror(err));
-    else if (!child_confine(job.parent))
-        return 1; // the daemon is gone: nobody to answer
+    if (dropped)
+        KD_LOG(1, LOG_ERR, "unable to drop privileges to fetch %s: %s", job.url, strerror(dropped));
     else
         code = fetch(&ctx, job.url, &resp, &res);
     bool sent = kd_fetch_write(CHILD_RESULT_FD, code, &resp, &res, g_log.text, g_log.len);
@@ -155,7 +241,8 @@ int kd_fetch_child_main(kd_fetch_fn fetch)
 {
     char text[KD_FETCH_JOB_MAX];
     kd_fetch_job job{};
-    if (!kd_fetch_job_receive(text, &job))
-        return 2;
-    return kd_fetch_child_run(job, fetch);
+    int dropped = 0;
+    if (int status = kd_fetch_child_start(text, &job, &dropped))
+        return status;
+    return kd_fetch_child_run(job, dropped, fetch);
 }

@@ -16,6 +16,7 @@
 #include "feed/kd_xml.h"
 #include "http/httpcli.h"
 #include "platform/charset.h"
+#include "platform/localzone.h"
 #include "platform/slab.h"
 #include "refresh/kd_fetch.h"
 #include "refresh/kd_itemmerge.h"
@@ -85,6 +86,7 @@ void adopt_title(mxml_node_t *entry, const char *url, char *title)
 void take_document(kd_node *feed, int code, const char *url, http_result *res, char **body)
 {
     char *title = nullptr;
+    localzone_refresh(); // the items' dates are read in the device's zone
     kd_node *parsed = *body ? kdx_parse_feed(code, url, res->content_type, body, &title) : nullptr;
     if (title)
         adopt_title(feed->entry, url, title);

@@ -120,6 +120,33 @@ def children(pid):
     return out
 
 
+def fds_of(pid):
+    """What each of a process's descriptors refers to (empty once it has gone)."""
+    out = {}
+    try:
+        for fd in os.listdir("/proc/%d/fd" % pid):
+            out[fd] = os.readlink("/proc/%d/fd/%s" % (pid, fd))
+    except OSError:
+        pass
+    return out
+
+
+def spare_of(pid):
+    """The fetching child kelpd started ahead of need, or None: the child
+    whose job input (its descriptor 0) kelpd still holds open."""
+    held = set(fds_of(pid).values())
+    for child in children(pid):
+        if fds_of(child).get("0") in held:
+            return child
+    return None
+
+
+def fetchers(pid):
+    """kelpd's children that run fetches: all but the spare."""
+    spare = spare_of(pid)
+    return [c for c in children(pid) if c != spare]
+
+
 def status(pid):
     """/proc/PID/status as a dict of its fields."""
     with open("/proc/%d/status" % pid) as f:

@@ -12,7 +12,7 @@ import os
 import re
 import signal
 
-from fetch_helpers import HeldServer, SilentDns, children, open_fds, status, use_dns
+from fetch_helpers import HeldServer, SilentDns, children, fetchers, open_fds, spare_of, status, use_dns
 from kelpd_client import Client as Ctl
 from refresh_helpers import (Client, Site, doc, dump, entry, feed, overview, profile, set_rss, start_all,
                              stored)
@@ -29,8 +29,16 @@ def slow_feeds(n, first=1):
 
 
 def wait_children(ns, pid, want):
-    ns._wait_until(lambda: len(children(pid)) == want, 30, "%d children of kelpd" % want)
-    return children(pid)
+    """Waits until kelpd runs `want` fetching children (the spare aside)."""
+    ns._wait_until(lambda: len(fetchers(pid)) == want, 30, "%d fetching children of kelpd" % want)
+    return fetchers(pid)
+
+
+def wait_spare(ns, pid):
+    """Waits until kelpd's spare child has given up root and confined itself."""
+    ns._wait_until(lambda: spare_of(pid) and status(spare_of(pid)).get("NoNewPrivs") == "1", 30,
+                   "kelpd's spare child")
+    return spare_of(pid)
 
 
 OUTCOME = re.compile(r"^(HTTP OK|no connection to server|got HTTP error|document not found)")
@@ -142,6 +150,33 @@ def test_the_fetching_child_runs_unprivileged_with_nothing_of_the_daemons(ns):
     wait_children(ns, pid, 0)
 
 
+def test_the_spare_child_waits_unprivileged_and_takes_the_next_poll(ns):
+    server = HeldServer(ns)
+    server.release("/slow1")
+    _, pid = start_all(ns, doc(slow_feeds(1), profile(1, 1)))
+    c = Client(ns)
+    assert c.login(1).startswith("OK\tlogin\t")
+    ns.syslog.wait_for("HTTP OK [%sslow1]" % BASE)
+    spare = wait_spare(ns, pid)
+    st = status(spare)
+    assert all(int(v) != 0 for v in st["Uid"].split()), st["Uid"]
+    assert all(int(v) != 0 for v in st["Gid"].split()), st["Gid"]
+    assert int(st["CapEff"], 16) == 0
+    assert os.readlink("/proc/%d/exe" % spare) == ns.bin("kelp-fetch")
+    # It knows no feed yet: its job's first part says who to be, nothing
+    # more; it holds its input, /dev/null and its pipe back, nothing else.
+    mine = {fd: os.readlink("/proc/%d/fd/%s" % (spare, fd)) for fd in os.listdir("/proc/%d/fd" % spare)}
+    assert sorted(mine) == ["0", "1", "2", "3"]
+    assert [mine[fd] for fd in ("1", "2")] == ["/dev/null"] * 2
+    assert mine["0"].startswith("pipe:") and mine["3"].startswith("pipe:")
+    # The next poll is fetched by the spare.
+    set_rss(ns, stored(ns).replace(BASE + "slow1", BASE + "slow2"))
+    server.wait_arrivals(2)
+    assert wait_children(ns, pid, 1) == [spare]
+    server.release()
+    ns.syslog.wait_for("HTTP OK [%sslow2]" % BASE)
+
+
 def test_an_ipv6_only_host_is_fetched(ns):
     server = HeldServer(ns, host="::1", port=8080)
     server.release()
@@ -171,13 +206,15 @@ def test_a_child_killed_mid_fetch_ends_the_poll_as_no_connection(ns):
 
 def in_flight(ns, n):
     """configd, kelpd and a client fetching n held feeds; returns
-    (configd, kelpd pid, client, the fetching children)."""
+    (configd, kelpd pid, client, the children: the n fetching and the spare)."""
     server = HeldServer(ns)
     configd, pid = start_all(ns, doc(slow_feeds(n), profile(1, *range(1, n + 1))))
     c = Client(ns)
     assert c.login(1).startswith("OK\tlogin\t")
     server.wait_arrivals(n)
-    return server, configd, pid, c, wait_children(ns, pid, n)
+    wait_children(ns, pid, n)
+    wait_spare(ns, pid)
+    return server, configd, pid, c, children(pid)
 
 
 def ended_without_children(ns, pid, kids, why):
@@ -254,7 +291,9 @@ def test_a_thousand_fetches_leave_no_descriptor_and_no_child(ns):
         ns.syslog.wait_count(polls, FEEDS * r, timeout=HOLD)
         assert reader.logout(profile=1).startswith("OK\tlogout\t")
     assert ns.syslog.count(polls) == FEEDS * ROUNDS
-    assert children(pid) == []
+    # The spare child ends when no poll has come for a while; then nothing
+    # of any fetch is left.
+    ns._wait_until(lambda: children(pid) == [], 60, "no child of kelpd")
     assert open_fds(pid) == before
     assert ns.syslog.count(re.compile("no connection")) == 0
     assert ns.alive(pid)

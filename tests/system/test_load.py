@@ -15,6 +15,7 @@ import time
 
 import load_driver
 import load_fixture as fx
+from fetch_helpers import children
 from kelpd_client import Client
 from kelpd_helpers import connect, open_fds, settled_lines
 from refresh_helpers import Site, stored
@@ -154,6 +155,8 @@ def test_a_hundred_thousand_mixed_requests_from_twenty_clients(ns):
         assert c.request("status").startswith("ERROR\tstatus\t9:")
         c.close()
     assert keeper.request("status").startswith("ERROR\tstatus\t9:")
+    # The spare fetching child of the logins' polls ends when no poll comes.
+    ns._wait_until(lambda: children(pid) == [], 60, "no child of kelpd")
     idle, idle_tags = slab_figures(ns, pid)
     fds = sorted(open_fds(ns, pid))
     conns = home_connections(ns, load_driver.Mix(0))

@@ -1,9 +1,10 @@
 // fake_fetcher: a stand-in for kelp-fetch in the tests of the fetching
 // children. Its URL picks what it does. Through the real child's work
-// (privileges, confinement, the answer): "serve" a small feed, "identity"
-// (the uid as the code; gid, no-new-privileges bit and the descriptors
-// above 2 as the headers), "log" two lines and fail, "hang", "oversize" a
-// body over the bound. Hostile, writing its pipe itself: "raw:<what>".
+// (privileges, confinement, the answer): "serve" a small feed, "pid" (its
+// pid as the code), "identity" (the uid as the code; gid, no-new-privileges
+// bit and the descriptors above 2 as the headers), "log" two lines and
+// fail, "hang", "oversize" a body over the bound. Hostile, writing its pipe
+// itself: "raw:<what>".
 #include "refresh/kd_fetch_child.h"
 #include "refresh/kd_fetch_wire.h"
 #include "platform/slab.h"
@@ -46,6 +47,8 @@ int scripted(httpcli_ctx *, const char *url, httpcli_buffer *resp, http_result *
         return serve(resp, res);
     if (what == "identity")
         return identity(res);
+    if (what == "pid")
+        return static_cast<int>(getpid());
     if (what == "log") {
         KD_LOG(1, LOG_ERR, "TLS with %s failed: certificate expired", url);
         KD_LOG(4, LOG_DEBUG, "[kddbg] second line");
@@ -123,10 +126,11 @@ int main()
 {
     char text[KD_FETCH_JOB_MAX];
     kd_fetch_job job{};
-    if (!kd_fetch_job_receive(text, &job))
-        _exit(2);
+    int dropped = 0;
+    if (int status = kd_fetch_child_start(text, &job, &dropped))
+        _exit(status);
     if (strncmp(job.url, "raw:", 4) == 0)
         _exit(raw(job.url + 4) ? 0 : 1);
-    _exit(kd_fetch_child_run(job, scripted)); // as kelp-fetch does
+    _exit(kd_fetch_child_run(job, dropped, scripted)); // as kelp-fetch does
 
 }

@@ -8,6 +8,7 @@
 #include "platform/slab.h"
 #include "platform/timeout.h"
 #include "refresh/kd_fetch.h"
+#include "refresh/kd_fetch_spare.h"
 #include "refresh/kd_fetch_wire.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/refresh/descriptors.h"
@@ -68,6 +69,14 @@ inline std::vector<pid_t> my_children()
     }
     if (d)
         closedir(d);
+    return pids;
+}
+
+// The children that run fetches: every child but the spare.
+inline std::vector<pid_t> fetchers()
+{
+    std::vector<pid_t> pids = my_children();
+    std::erase(pids, kd_spare_pid());
     return pids;
 }
 
@@ -153,6 +162,19 @@ protected:
         while (outcomes().size() < n && std::chrono::steady_clock::now() < until)
             csock_select();
         ASSERT_EQ(outcomes().size(), n);
+    }
+
+    // Turns the loop until cond() holds, a minute at most; a tick keeps the
+    // loop turning when nothing else is due.
+    template <class Cond>
+    void turn_until(Cond cond)
+    {
+        int tick = timeout_add_ms([](void *, int) {}, 10, nullptr, 1);
+        auto until = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        while (!cond() && std::chrono::steady_clock::now() < until)
+            csock_select();
+        timeout_del(tick);
+        ASSERT_TRUE(cond());
     }
 
     // The single outcome of a fetch run to its end.
