@@ -7,6 +7,7 @@
 #include "platform/csock.h"
 #include "platform/dsldstat.h"
 #include "platform/kd_paths.h"
+#include "platform/localzone.h"
 #include "platform/process.h"
 #include "platform/timeout.h"
 #include "util/kd_log.h"
@@ -18,6 +19,7 @@ int main(int argc, char **argv)
     if (kd_scan_args(argc, argv))
         return create_supportdata();
     setpgmname(cmd);
+    localzone_init();
     csock_init();
     crashdump_init(argv[0]);
     timeout_init();
