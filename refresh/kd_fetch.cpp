@@ -83,17 +83,28 @@ void free_fetch(kd_fetch *f)
     kd_free(f);
 }
 
-// The child, its pipe and its deadline go; the record stays with the caller.
-void stop_child(kd_fetch *f)
+// The pipe and the deadline go; the child stays until end_child.
+void drop_pipe(kd_fetch *f)
 {
     csock_fastclose(f->handle);
     if (f->fd >= 0)
         close(f->fd);
     timeout_del(f->timer);
-    child_end(f->pid);
     f->fd = -1;
     f->timer = 0;
+}
+
+void end_child(kd_fetch *f)
+{
+    child_end(f->pid);
     f->pid = 0;
+}
+
+// The child, its pipe and its deadline go; the record stays with the caller.
+void stop_child(kd_fetch *f)
+{
+    drop_pipe(f);
+    end_child(f);
 }
 
 // The child's log lines, written now under the daemon's own name.
@@ -106,11 +117,17 @@ void start_waiting();
 void want_spare();
 
 // The fetch has ended, well (a complete answer) or not: the poll goes on.
+// A child that answered has closed its pipe and is exiting: the poll's
+// second half runs meanwhile and the child is waited for after it, by when
+// the kernel has usually reaped it. One that did not is killed first. Either
+// counts as running until it has gone, so that no more than
+// KD_FETCH_PARALLEL children ever fetch at once.
 void finish(kd_fetch *f, bool answered)
 {
     unlink_from(&g_fetch.running, f);
-    g_fetch.nrunning--;
-    stop_child(f);
+    drop_pipe(f);
+    if (!answered)
+        end_child(f);
     httpcli_buffer resp{};
     http_result res{};
     int code = HTTPCLI_NO_CONNECTION;
@@ -120,6 +137,8 @@ void finish(kd_fetch *f, bool answered)
     }
     f->done(f->feed, f->url, code, &resp, &res);
     kd_fetch_release(&resp, &res);
+    end_child(f);
+    g_fetch.nrunning--;
     free_fetch(f);
     start_waiting();
     want_spare();

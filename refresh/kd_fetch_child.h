@@ -47,8 +47,8 @@ bool kd_fetch_job_read(const char *text, size_t len, kd_fetch_job *job);
 
 // The child's start, from standard input into buf (KD_FETCH_JOB_MAX bytes):
 // the first part of the job, root given up (*dropped: 0, or the errno value
-// of the failure), confinement, the name service made ready while the rest
-// has not come, then the rest. 0 when the job is whole, else the exit
+// of the failure), confinement, the name service and the heap made ready
+// while the rest has not come, then the rest. 0 when the job is whole, else the exit
 // status: 2 when no job came, 1 when the daemon is gone.
 int kd_fetch_child_start(char *buf, kd_fetch_job *job, int *dropped);
 

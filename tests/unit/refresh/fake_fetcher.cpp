@@ -112,6 +112,13 @@ bool raw(const std::string &what)
     }
     if (what == "whole")
         return head(2, 0) && put("ok", 2);
+    if (what == "answer-and-run") { // a whole answer, then goes on
+        if (!head(2, 0) || !put("ok", 2))
+            return false;
+        close(CHILD_RESULT_FD);
+        for (;;)
+            pause();
+    }
     if (what == "close-and-run") { // ends its pipe and goes on
         close(CHILD_RESULT_FD);
         for (;;)

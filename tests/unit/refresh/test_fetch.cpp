@@ -203,6 +203,24 @@ TEST_F(fetch_test, AWholeMessageCountsOnceThePipeEnds)
     EXPECT_EQ(o.body, "ok");
 }
 
+// The poll goes on before the child that answered is waited for; one that
+// does not exit is killed then, and its place comes free only after that.
+TEST_F(fetch_test, AChildThatAnswersAndGoesOnIsKilledAfterThePollsSecondHalf)
+{
+    hooks.deadline_ms = 600000;
+    apply();
+    for (int i = 0; i < 5; i++)
+        start(i, i == 0 ? "raw:answer-and-run" : "hang");
+    EXPECT_EQ(kd_fetch_waiting(), 1u);
+    await(1);
+    EXPECT_EQ(outcomes()[0].code, 200);
+    EXPECT_EQ(outcomes()[0].body, "ok");
+    // Its place went to the fifth feed: four children fetch, none more.
+    EXPECT_EQ(kd_fetch_running(), 4u);
+    EXPECT_EQ(kd_fetch_phase_of(&feeds[4]), KD_FETCH_RUNNING);
+    EXPECT_EQ(fetchers().size(), 4u);
+}
+
 TEST_F(fetch_test, AThousandFetchesLeaveNoDescriptorAndNoChild)
 {
     fetch_once(); // the multiplexer's own descriptor comes with its first use
