@@ -7,17 +7,21 @@
 // first been grown to about RSS bytes, as the daemon's is (so that a start
 // that copied the parent's page tables would show).
 //
-//   perf_fetch REPS ROUNDS RSS BODY
+//   perf_fetch REPS ROUNDS RSS BODY [spare]
 //
 // One line per repetition, each the mean over ROUNDS fetches one after the
 // other: "<wall us> <parent cpu us> <child cpu us>" -- the time from the
 // start of the fetch to its outcome on the loop, the CPU time this process
 // spent in that span, and the CPU time the child spent (from the kernel's
-// accounting once the child is waited for).
+// accounting once the child is waited for). Without "spare" every fetch
+// starts its program (no spare child); with it, each fetch is handed to the
+// spare child, which has had time to get ready before the fetch starts
+// (that wait is not counted; the spare's start is in the child's CPU time).
 #include "feed/kd_node.h"
 #include "platform/csock.h"
 #include "platform/timeout.h"
 #include "refresh/kd_fetch.h"
+#include "refresh/kd_fetch_spare.h"
 
 #include <sys/resource.h>
 
@@ -68,6 +72,24 @@ std::vector<char *> grow_heap(size_t bytes)
     return blocks;
 }
 
+// Turns the loop for `ms` milliseconds.
+void turn_for(uint32_t ms)
+{
+    bool over = false;
+    timeout_add_ms([](void *p, int) { *static_cast<bool *>(p) = true; }, ms, &over);
+    while (!over)
+        csock_select();
+}
+
+// Until the spare asked for by the last fetch is there and ready: it has
+// given up its privileges and read its configuration long before 20 ms.
+void await_spare()
+{
+    while (kd_spare_pid() == 0)
+        turn_for(1);
+    turn_for(20);
+}
+
 bool one_fetch(kd_node *feed)
 {
     g_done = false;
@@ -81,8 +103,9 @@ bool one_fetch(kd_node *feed)
 
 int main(int argc, char **argv)
 {
-    if (argc != 5) {
-        fprintf(stderr, "usage: %s REPS ROUNDS RSS BODY\n", argv[0]);
+    bool spare = argc == 6 && strcmp(argv[5], "spare") == 0;
+    if (argc != 5 && !spare) {
+        fprintf(stderr, "usage: %s REPS ROUNDS RSS BODY [spare]\n", argv[0]);
         return 2;
     }
     int reps = atoi(argv[1]), rounds = atoi(argv[2]);
@@ -98,18 +121,25 @@ int main(int argc, char **argv)
     std::string child = argv[0];
     child = child.substr(0, child.rfind('/') + 1) + "perf_fetch_child";
     hooks.program = child.c_str();
+    if (!spare)
+        hooks.spare_idle_ms = 0;
     kd_fetch_set_hooks(&hooks);
     kd_node feed{};
     if (!one_fetch(&feed)) // warms the account lookup and the allocator
         return 1;
     for (int r = 0; r < reps; r++) {
-        double w0 = clock_us(CLOCK_MONOTONIC), p0 = clock_us(CLOCK_PROCESS_CPUTIME_ID), c0 = children_cpu_us();
-        for (int i = 0; i < rounds; i++)
+        double wall = 0, parent = 0, c0 = children_cpu_us();
+        for (int i = 0; i < rounds; i++) {
+            if (spare)
+                await_spare();
+            double w0 = clock_us(CLOCK_MONOTONIC), p0 = clock_us(CLOCK_PROCESS_CPUTIME_ID);
             if (!one_fetch(&feed))
                 return 1;
+            wall += clock_us(CLOCK_MONOTONIC) - w0;
+            parent += clock_us(CLOCK_PROCESS_CPUTIME_ID) - p0;
+        }
         double n = rounds;
-        printf("%.1f %.1f %.1f\n", (clock_us(CLOCK_MONOTONIC) - w0) / n, (clock_us(CLOCK_PROCESS_CPUTIME_ID) - p0) / n,
-               (children_cpu_us() - c0) / n);
+        printf("%.1f %.1f %.1f\n", wall / n, parent / n, (children_cpu_us() - c0) / n);
     }
     kd_fetch_cancel_all();
     return 0;
