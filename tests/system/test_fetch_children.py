@@ -3,11 +3,12 @@ a client is answered while slow feeds are fetched; the first four feeds of
 a login are fetched at once and the fifth waits for one of them; a name
 server that never answers holds nobody and the poll ends as no connection at
 the deadline; the child runs unprivileged with nothing of the daemon's; IPv6
-hosts are fetched; a child killed mid-fetch ends its poll as no connection;
-SIGTERM, the last client leaving or configd ending while fetches are in
-flight, and a configuration that drops the feed meanwhile, leave no child
-behind and no answer taken; a thousand fetches leave no descriptor and no
-child."""
+hosts are fetched; the spare child waits unprivileged, knowing no feed, and
+fetches the next poll; a child killed mid-fetch ends its poll as no
+connection; SIGTERM, the last client leaving or configd ending while
+fetches are in flight, and a configuration that drops the feed meanwhile,
+leave no child behind (the spare neither) and no answer taken; a thousand
+fetches leave no descriptor and no child once the spare has ended."""
 import os
 import re
 import signal
@@ -205,23 +206,29 @@ def test_a_child_killed_mid_fetch_ends_the_poll_as_no_connection(ns):
 
 
 def in_flight(ns, n):
-    """configd, kelpd and a client fetching n held feeds; returns
-    (configd, kelpd pid, client, the children: the n fetching and the spare)."""
+    """configd, kelpd and a client fetching n held feeds, after a fast one
+    whose end has brought the spare child; returns (configd, kelpd pid,
+    client, the children: the n fetching and the spare)."""
     server = HeldServer(ns)
-    configd, pid = start_all(ns, doc(slow_feeds(n), profile(1, *range(1, n + 1))))
+    server.release("/fast")
+    entries = entry(n + 1, BASE + "fast", name="Fast") + slow_feeds(n)
+    configd, pid = start_all(ns, doc(entries, profile(1, *range(1, n + 2))))
     c = Client(ns)
     assert c.login(1).startswith("OK\tlogin\t")
-    server.wait_arrivals(n)
+    ns.syslog.wait_for("HTTP OK [%sfast]" % BASE)
+    server.wait_arrivals(n + 1)
     wait_children(ns, pid, n)
-    wait_spare(ns, pid)
-    return server, configd, pid, c, children(pid)
+    spare = wait_spare(ns, pid)
+    kids = children(pid)
+    assert spare in kids and len(kids) == n + 1
+    return server, configd, pid, c, kids
 
 
 def ended_without_children(ns, pid, kids, why):
     assert ns.wait_exit(pid, timeout=HOLD) == 0
     ns.syslog.wait_for(why)
     assert [k for k in kids if os.path.exists("/proc/%d" % k)] == []
-    assert outcomes(ns, BASE) == []
+    assert outcomes(ns, BASE + "slow") == []
 
 
 def test_sigterm_with_fetches_in_flight_kills_every_child_and_ends_cleanly(ns):
