@@ -9,17 +9,18 @@
 namespace {
 
 struct zone_state {
-    char tz[256];     // ":" and the zone file's path: the value TZ is given
+    const char *file; // the zone file; null: /etc/localtime
+    char tz[256];     // ":" and the file's path: the value TZ is given
     bool ours;        // TZ was unset and names the zone file now
     bool known;       // `seen` holds the file's identity at the last look
     struct stat seen;
 };
 
-zone_state g_zone = {":/etc/localtime", false, false, {}};
+zone_state g_zone;
 
 const char *zone_file()
 {
-    return g_zone.tz + 1;
+    return g_zone.file ? g_zone.file : "/etc/localtime";
 }
 
 bool same_file(const struct stat &a, const struct stat &b)
@@ -44,6 +45,7 @@ void localzone_init(void)
 {
     if (getenv("TZ") && !g_zone.ours)
         return;
+    snprintf(g_zone.tz, sizeof g_zone.tz, ":%s", zone_file());
     setenv("TZ", g_zone.tz, 1);
     tzset();
     g_zone.ours = true;
@@ -65,7 +67,7 @@ void localzone_refresh(void)
 
 void localzone_use_file(const char *path)
 {
-    snprintf(g_zone.tz, sizeof g_zone.tz, ":%s", path ? path : "/etc/localtime");
+    g_zone.file = path;
 }
 
 void localzone_forget(void)

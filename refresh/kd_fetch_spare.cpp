@@ -12,6 +12,8 @@
 
 namespace {
 
+// All zero at first (no spare), so that the record takes no room in the
+// program file; the descriptors mean something only while pid > 0.
 struct spare_state {
     pid_t pid;        // 0: no spare
     int more;         // the write end of its input, for the rest of its job
@@ -24,18 +26,18 @@ struct spare_state {
     size_t who_len;
 };
 
-spare_state g_spare = {0, -1, -1, 0, 0, 0, {}, {}, 0};
+spare_state g_spare;
 
-// Closes what the daemon holds of the spare; the child itself is left alone.
+// Closes what the daemon still holds of the spare (-1: handed on); the
+// child itself is left alone.
 void let_go()
 {
-    if (g_spare.more >= 0)
+    if (g_spare.pid > 0 && g_spare.more >= 0)
         close(g_spare.more);
-    if (g_spare.rfd >= 0)
+    if (g_spare.pid > 0 && g_spare.rfd >= 0)
         close(g_spare.rfd);
     timeout_del(g_spare.idle_timer);
     g_spare.pid = 0;
-    g_spare.more = g_spare.rfd = -1;
     g_spare.idle_timer = 0;
 }
 
@@ -60,10 +62,13 @@ void on_start(void *, int)
     g_spare.start_timer = 0;
     if (g_spare.pid > 0)
         return;
-    pid_t pid = child_spawn(g_spare.program, g_spare.who, g_spare.who_len, &g_spare.rfd, &g_spare.more);
+    int rfd = -1, more = -1;
+    pid_t pid = child_spawn(g_spare.program, g_spare.who, g_spare.who_len, &rfd, &more);
     if (pid <= 0)
         return;
     g_spare.pid = pid;
+    g_spare.rfd = rfd;
+    g_spare.more = more;
     g_spare.idle_timer = timeout_add_ms(on_idle, g_spare.idle_ms, nullptr);
 }
 
