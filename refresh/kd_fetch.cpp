@@ -193,13 +193,19 @@ const char *program()
     return g_fetch.program;
 }
 
+// A job as this daemon hands it out: to be fetched as its account, for it.
+kd_fetch_job job_of(const char *url, const httpcli_ctx &ctx)
+{
+    return kd_fetch_job{url, ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
+}
+
 // Hands f's job to the spare, or starts a child for it; 0, or the reason
 // no child could be started.
 int start_child(kd_fetch *f, const char *prog)
 {
     if (!prog)
         return ENOENT;
-    kd_fetch_job job{f->url, f->ctx, verbosity, getpid(), geteuid() == 0, g_fetch.account};
+    kd_fetch_job job = job_of(f->url, f->ctx);
     char text[KD_FETCH_JOB_MAX];
     size_t who = kd_fetch_who_write(job, text, sizeof text);
     size_t what = who ? kd_fetch_what_write(job, text + who, sizeof text - who) : 0;
@@ -217,12 +223,8 @@ void want_spare()
     const char *prog = program();
     if (!prog || g_fetch.hooks.inline_fetch || (geteuid() == 0 && !g_fetch.have_account))
         return;
-    kd_fetch_job job{};
-    job.parent = getpid();
-    job.become = geteuid() == 0;
-    job.account = g_fetch.account;
     char who[64];
-    if (size_t n = kd_fetch_who_write(job, who, sizeof who))
+    if (size_t n = kd_fetch_who_write(job_of(nullptr, httpcli_ctx{}), who, sizeof who))
         kd_spare_want(prog, who, n, g_fetch.hooks.spare_idle_ms);
 }
 

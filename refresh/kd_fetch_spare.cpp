@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "platform/child.h"
@@ -72,12 +71,6 @@ void on_start(void *, int)
     g_spare.idle_timer = timeout_add_ms(on_idle, g_spare.idle_ms, nullptr);
 }
 
-// SIGCHLD is ignored, so a spare that has died is already reaped.
-bool alive(pid_t pid)
-{
-    return waitpid(pid, nullptr, WNOHANG) == 0;
-}
-
 } // namespace
 
 void kd_spare_want(const char *program, const char *who, size_t n, uint32_t idle_ms)
@@ -99,12 +92,13 @@ bool kd_spare_take(const char *program, const char *what, size_t n, pid_t *pid, 
 {
     if (g_spare.pid <= 0)
         return false;
-    if (strcmp(program, g_spare.program) != 0 || !alive(g_spare.pid)) {
+    if (strcmp(program, g_spare.program) != 0) {
         end_spare();
         return false;
     }
     int more = g_spare.more;
     g_spare.more = -1;
+    // A spare that has died has closed its input: the send fails.
     if (!child_send_rest(more, what, n)) {
         end_spare();
         return false;

@@ -177,6 +177,14 @@ protected:
         ASSERT_TRUE(cond());
     }
 
+    // Turns the loop for `ms` milliseconds, whatever comes meanwhile.
+    void turn_for(uint32_t ms)
+    {
+        bool over = false;
+        timeout_add_ms([](void *p, int) { *static_cast<bool *>(p) = true; }, ms, &over);
+        turn_until([&] { return over; });
+    }
+
     // The single outcome of a fetch run to its end.
     fetch_outcome fetch_once(const char *url = "serve")
     {

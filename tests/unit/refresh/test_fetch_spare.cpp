@@ -67,9 +67,7 @@ TEST_F(spare_test, NoSpareIsStartedWhileTheFirstFetchesRun)
 {
     for (int i = 0; i < 4; i++)
         start(i, "hang");
-    bool later = false;
-    timeout_add_ms([](void *p, int) { *static_cast<bool *>(p) = true; }, 100, &later);
-    turn_until([&] { return later; });
+    turn_for(100);
     EXPECT_EQ(kd_spare_pid(), 0);
     EXPECT_EQ(my_children().size(), 4u);
 }
@@ -82,11 +80,7 @@ TEST_F(spare_test, ThereIsOneSpareAtMost)
         start(i, "hang"); // the last waits for the first to end
     await(2);
     turn_until([&] { return kd_spare_pid() != 0 && kd_spare_pid() != first; });
-    int turns = 0;
-    int tick = timeout_add_ms([](void *p, int) { ++*static_cast<int *>(p); }, 5, &turns, 1);
-    while (turns < 5)
-        csock_select();
-    timeout_del(tick);
+    turn_for(25); // a few more turns of the loop
     EXPECT_EQ(my_children().size(), 5u); // four fetches and the spare
     EXPECT_EQ(fetchers().size(), 4u);
 }
@@ -106,9 +100,7 @@ TEST_F(spare_test, NoSpareWhenAskedForNone)
     hooks.spare_idle_ms = 0;
     apply();
     fetch_once("serve");
-    bool later = false;
-    timeout_add_ms([](void *p, int) { *static_cast<bool *>(p) = true; }, 100, &later);
-    turn_until([&] { return later; });
+    turn_for(100);
     EXPECT_EQ(kd_spare_pid(), 0);
     EXPECT_TRUE(my_children().empty());
 }
