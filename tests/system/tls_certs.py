@@ -9,6 +9,10 @@ make_certs(directory) writes, each as NAME.crt with its NAME.key:
   expired     feeds.test, issued by ca, valid during 2020 only
   selfsigned  feeds.test, signed by its own key
   untrusted   feeds.test, issued by other_ca
+  inter       a CA issued by ca ("Kelp Test Intermediate")
+  chained     feeds.test, issued by inter
+  cross       ca's name and key, certified by other_ca (a cross-signed CA)
+  impostor    a self-signed CA named as ca, with a key of its own
 and bundle.crt, the CA bundle to put where the client looks for one.
 """
 import os
@@ -74,6 +78,18 @@ def _issue(d, name, issuer, names, start=None, end=None):
              "-in", name + ".csr", "-out", name + ".crt")
 
 
+def _cross(d, name, key, cn, issuer):
+    """A CA certificate for `key` named cn, signed by issuer."""
+    ext = os.path.join(d, name + ".ext")
+    with open(ext, "w") as f:
+        f.write("basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign,cRLSign\n")
+    _openssl(d, "req", "-new", "-key", key + ".key", "-subj", "/CN=" + cn, "-out", name + ".csr")
+    _openssl(d, "x509", "-req", "-in", name + ".csr", "-CA", issuer + ".crt", "-CAkey", issuer + ".key",
+             "-set_serial", str(int(time.time() * 1000)), "-days", "3650", "-extfile", ext, "-out", name + ".crt")
+    if name != key:
+        subprocess.run(["cp", os.path.join(d, key + ".key"), os.path.join(d, name + ".key")], check=True)
+
+
 def make_certs(d):
     _ca(d, "ca", "Kelp Test CA")
     _ca(d, "other_ca", "Kelp Other CA")
@@ -81,6 +97,11 @@ def make_certs(d):
     _issue(d, "wronghost", "ca", ["wrong.test"])
     _issue(d, "expired", "ca", ["feeds.test"], "20200101000000Z", "20210101000000Z")
     _issue(d, "untrusted", "other_ca", ["feeds.test"])
+    _key(d, "inter")
+    _cross(d, "inter", "inter", "Kelp Test Intermediate", "ca")
+    _issue(d, "chained", "inter", ["feeds.test"])
+    _cross(d, "cross", "ca", "Kelp Test CA", "other_ca")
+    _ca(d, "impostor", "Kelp Test CA")
     _key(d, "selfsigned")
     _openssl(d, "req", "-x509", "-new", "-key", "selfsigned.key", "-subj", "/CN=feeds.test", "-days", "30",
              "-addext", "subjectAltName=DNS:feeds.test", "-out", "selfsigned.crt")
