@@ -33,15 +33,16 @@ build-notls: deps
 	cmake --build $(BUILD_NOTLS) --target kelpd kelp-fetch kelp-httpget kelp-feedcheck
 
 # kelpd itself holds no internet-facing code: TLS is kelp-fetch's alone.
+# Symbols rather than ldd, since mbedTLS is linked statically by default.
 test: build
-	@if ldd $(BUILD)/bin/kelpd | grep -q mbed; then echo "kelpd links a TLS library" >&2; exit 1; fi
+	@if nm $(BUILD)/bin/kelpd | grep -q ' mbedtls_'; then echo "kelpd links a TLS library" >&2; exit 1; fi
 	cd $(BUILD) && ctest --output-on-failure -j$(CTEST_J)
 
 test-asan: build-asan
 	cd $(BUILD_ASAN) && ctest --output-on-failure -j$(CTEST_J)
 
 test-notls: build-notls
-	@if ldd $(BUILD_NOTLS)/bin/kelpd $(BUILD_NOTLS)/bin/kelp-fetch $(BUILD_NOTLS)/bin/kelp-httpget | grep -q mbed; then \
+	@if nm $(BUILD_NOTLS)/bin/kelpd $(BUILD_NOTLS)/bin/kelp-fetch $(BUILD_NOTLS)/bin/kelp-httpget | grep -q ' mbedtls_'; then \
 	  echo "KELP_TLS=OFF build links a TLS library" >&2; exit 1; fi
 	cd $(BUILD_NOTLS) && ctest --output-on-failure -j$(CTEST_J) -R '^system_test_http'
 
