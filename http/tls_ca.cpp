@@ -146,29 +146,12 @@ struct one_cert {
     }
 };
 
-} // namespace
-
-int tls_ca_check(const char *file)
-{
-    bundle b;
-    int ret = open_bundle(file, &b);
-    if (ret)
-        return ret;
-    one_cert c;
-    const unsigned char *der;
-    size_t len;
-    int last = MBEDTLS_ERR_X509_INVALID_FORMAT; // a bundle without a block
-    while ((ret = next_der(&b, &der, &len)) != 0) {
-        if (ret > 0 && (ret = c.parse(der, len)) == 0)
-            return 0;
-        if (ret == MBEDTLS_ERR_X509_ALLOC_FAILED)
-            return ret;
-        last = ret;
-    }
-    return last;
-}
-
-int tls_ca_for_chain(const char *file, const mbedtls_x509_crt *chain, mbedtls_x509_crt *trust)
+// Parses the bundle's certificates one at a time and hands each that the
+// library can use to visit(crt, der, len), which answers 0 to go on, 1 to
+// stop or an error. Returns that 1 or error, else 0; *last is the error of
+// the last certificate that could not be used. Running out of memory ends
+// the walk: a certificate left out then could be the one wanted.
+template <class Visit> int each_cert(const char *file, int *last, Visit visit)
 {
     bundle b;
     int ret = open_bundle(file, &b);
@@ -178,16 +161,33 @@ int tls_ca_for_chain(const char *file, const mbedtls_x509_crt *chain, mbedtls_x5
     const unsigned char *der;
     size_t len;
     while ((ret = next_der(&b, &der, &len)) != 0) {
-        // A block the library cannot use is skipped, as when the whole
-        // bundle is loaded; running out of memory is not.
         if (ret > 0)
             ret = c.parse(der, len);
         if (ret == MBEDTLS_ERR_X509_ALLOC_FAILED)
             return ret;
-        if (ret != 0 || !signs_some(&c.crt, chain))
-            continue;
-        if ((ret = mbedtls_x509_crt_parse_der(trust, der, len)) != 0)
+        if (ret != 0)
+            *last = ret; // skipped, as when the whole bundle is loaded
+        else if ((ret = visit(c.crt, der, len)) != 0)
             return ret;
     }
     return 0;
+}
+
+} // namespace
+
+int tls_ca_check(const char *file)
+{
+    int last = MBEDTLS_ERR_X509_INVALID_FORMAT; // a bundle without a block
+    int ret = each_cert(file, &last, [](const mbedtls_x509_crt &, const unsigned char *, size_t) { return 1; });
+    if (ret == 1)
+        return 0;
+    return ret ? ret : last;
+}
+
+int tls_ca_for_chain(const char *file, const mbedtls_x509_crt *chain, mbedtls_x509_crt *trust)
+{
+    int last = 0;
+    return each_cert(file, &last, [&](const mbedtls_x509_crt &ca, const unsigned char *der, size_t len) {
+        return signs_some(&ca, chain) ? mbedtls_x509_crt_parse_der(trust, der, len) : 0;
+    });
 }
