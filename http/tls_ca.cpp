@@ -16,6 +16,7 @@
 #include <mbedtls/pem.h>
 
 #include "platform/slab.h"
+#include "util/kd_fd.h"
 
 namespace {
 
@@ -44,14 +45,11 @@ struct bundle {
 
 int open_bundle(const char *file, bundle *b)
 {
-    int fd = open(file, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return MBEDTLS_ERR_X509_FILE_IO_ERROR;
+    kd_unique_fd fd(open(file, O_RDONLY | O_CLOEXEC));
     struct stat st;
     void *p = MAP_FAILED;
-    if (fstat(fd, &st) == 0 && st.st_size > 0)
-        p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-    close(fd);
+    if (fd && fstat(fd.get(), &st) == 0 && st.st_size > 0)
+        p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd.get(), 0);
     if (p == MAP_FAILED)
         return MBEDTLS_ERR_X509_FILE_IO_ERROR;
     b->data = static_cast<const char *>(p);
