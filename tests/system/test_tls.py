@@ -16,7 +16,7 @@ import tls_certs
 from test_feedcheck import feedcheck, verdict
 from test_http import OK, answer, expected_request, httpget, result_code
 
-CA_BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+CA_BUNDLE = tls_certs.CA_BUNDLE
 FEED = (b'<?xml version="1.0" encoding="utf-8"?>\n<rss version="2.0"><channel><title>Secure</title>'
         b'<item><title>One</title><guid>g1</guid><description>first</description></item>'
         b'</channel></rss>\n')
@@ -263,11 +263,8 @@ def test_refused_port_reports_no_handshake(ns, tls):
 
 
 def test_unusable_ca_bundle_refuses_every_server(ns, certs, tmp_path):
-    bad = tmp_path / "bad-bundle.crt"
-    bad.write_bytes(b"-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n")
-    os.chmod(tmp_path, 0o755)
-    os.chmod(bad, 0o644)
-    ns.run(["mount", "--bind", str(bad), CA_BUNDLE], check=True)
+    tls_certs.trust(ns, tmp_path, b"-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n",
+                    "bad-bundle.crt")
     secure = ns.serve_https(answer(OK + b"\r\nok"), server_context(certs))
     url = "https://feeds.test:%d/" % secure.port
     rc, out, _ = feedcheck(ns, "-v", url)

@@ -33,15 +33,6 @@ def pem(certs, *names):
     return out
 
 
-def trust(ns, tmp_path, content):
-    """Makes `content` the namespace's CA bundle."""
-    path = tmp_path / "bundle.crt"
-    path.write_bytes(content)
-    os.chmod(tmp_path, 0o755)
-    os.chmod(path, 0o644)
-    ns.run(["mount", "--bind", str(path), CA_BUNDLE], check=True)
-
-
 def serve(ns, certs, tmp_path, key, *chain):
     """A TLS server presenting the certificates `chain` (leaf first)."""
     path = tmp_path / "chain.pem"
@@ -72,67 +63,57 @@ def refused(ns, srv, reason=NOT_TRUSTED):
     return True
 
 
-def system_bundle():
-    """The host's own CA bundle as the namespace sees it before any mount
-    (empty where the host has none: the test CA then sits among the
-    project's own CAs only)."""
-    try:
-        with open(CA_BUNDLE, "rb") as f:
-            return f.read()
-    except OSError:
-        return b""
-
-
 def test_chain_through_an_intermediate_sent_by_the_server(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "ca"))
     assert accepted(ns, serve(ns, certs, tmp_path, "chained", "chained", "inter"))
 
 
 def test_chain_that_ends_in_the_trusted_root_itself(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "ca"))
     assert accepted(ns, serve(ns, certs, tmp_path, "chained", "chained", "inter", "ca"))
 
 
 def test_intermediate_not_sent_and_not_trusted_is_refused(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "ca"))
     assert refused(ns, serve(ns, certs, tmp_path, "chained", "chained"))
 
 
 def test_intermediate_held_by_the_bundle_need_not_be_sent(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "other_ca", "inter"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "other_ca", "inter"))
     assert accepted(ns, serve(ns, certs, tmp_path, "chained", "chained"))
 
 
 def test_test_ca_amid_a_large_bundle_with_unusable_blocks(ns, certs, tmp_path):
-    big = system_bundle()
-    trust(ns, tmp_path, big[:len(big) // 2] + BROKEN + pem(certs, "other_ca", "ca") + big[len(big) // 2:])
+    # Where the host has no bundle, the test CA sits among the project's own.
+    big = tls_certs.system_bundle()
+    tls_certs.trust(ns, tmp_path, big[:len(big) // 2] + BROKEN + pem(certs, "other_ca", "ca") + big[len(big) // 2:])
     assert accepted(ns, serve(ns, certs, tmp_path, "chained", "chained", "inter"))
 
 
 def test_cross_signed_ca_sent_does_not_hide_the_trusted_root(ns, certs, tmp_path):
     # The server sends ca's cross-certificate from other_ca, whom the bundle
     # does not trust; the leaf's issuer by name, ca, is trusted all the same.
-    trust(ns, tmp_path, pem(certs, "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "ca"))
     assert accepted(ns, serve(ns, certs, tmp_path, "server", "server", "cross"))
 
 
 def test_cross_signed_ca_leads_to_its_signer(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "other_ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "other_ca"))
     assert accepted(ns, serve(ns, certs, tmp_path, "server", "server", "cross"))
 
 
 def test_ca_of_the_same_name_with_another_key_vouches_for_nothing(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "impostor"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "impostor"))
     assert refused(ns, serve(ns, certs, tmp_path, "chained", "chained", "inter"))
 
 
 def test_every_ca_of_the_issuers_name_is_tried(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "impostor", "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "impostor", "ca"))
     assert accepted(ns, serve(ns, certs, tmp_path, "chained", "chained", "inter"))
 
 
 def test_wrong_host_through_an_intermediate_is_named(ns, certs, tmp_path):
-    trust(ns, tmp_path, pem(certs, "ca"))
+    tls_certs.trust(ns, tmp_path, pem(certs, "ca"))
     srv = serve(ns, certs, tmp_path, "chained", "chained", "inter")
     rc, body, err = httpget(ns, "https://127.0.0.1:%d/" % srv.port, "--show-tls")
     assert (rc, body, result_code(err)) == (1, b"", 1)

@@ -19,6 +19,31 @@ import os
 import subprocess
 import time
 
+# Where the client reads its CA bundle; tests bind-mount theirs over it.
+CA_BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+
+
+def trust(ns, directory, content, name="bundle.crt"):
+    """Makes `content` the CA bundle of the namespace ns: written to
+    directory/name, readable by the fetching child, and bind-mounted over
+    CA_BUNDLE."""
+    path = os.path.join(str(directory), name)
+    with open(path, "wb") as f:
+        f.write(content)
+    os.chmod(str(directory), 0o755)
+    os.chmod(path, 0o644)
+    ns.run(["mount", "--bind", path, CA_BUNDLE], check=True)
+
+
+def system_bundle():
+    """The host's own CA bundle as a namespace sees it before any mount
+    (empty where the host has none)."""
+    try:
+        with open(CA_BUNDLE, "rb") as f:
+            return f.read()
+    except OSError:
+        return b""
+
 CA_CONF = """[ca]
 default_ca = test_ca
 [test_ca]
