@@ -149,10 +149,12 @@ def test_a_hundred_thousand_mixed_requests_from_twenty_clients(ns):
             assert keeper.logout(profile=p, domain=domain) == \
                 "OK\tlogout\tdomain:%s\tprofile_id:%d" % (domain, p)
     # The multiplexer's tables grow to the most descriptors in use at once and
-    # stay so; as many connections as the load opens bring them there first.
+    # stay so; as many connections as the load opens, all answered before
+    # any closes (so the daemon holds them together), bring them there first.
     warm = [Client(ns) for _ in range(CLIENTS)]
     for c in warm:
         assert c.request("status").startswith("ERROR\tstatus\t9:")
+    for c in warm:
         c.close()
     assert keeper.request("status").startswith("ERROR\tstatus\t9:")
     # The spare fetching child of the logins' polls ends when no poll comes.
